@@ -1,0 +1,192 @@
+#include <common/GLibUtils.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <common/GLibPtr.h>
+#include <platform/Log.h>
+
+namespace {
+constexpr char kLogTag[] = "zorvel.common";
+
+// GLib's own g_variant_get on a value of the wrong type reports a critical and
+// extracts nothing; checking first gives the same result without the noise
+// (and without aborting an application that runs with fatal criticals).
+bool IsOfType(GVariant* value, const char* type) {
+  return value != nullptr && g_variant_is_of_type(value, G_VARIANT_TYPE(type));
+}
+
+GVariant* ByteArrayOf(const std::string& text) {
+  return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text.data(), text.size(), sizeof(guchar));
+}
+
+// Decodes the base64 bytes of an "ay" child; false when it holds no bytes.
+bool DecodeByteArray(GVariant* array, std::string& decoded) {
+  gsize length = 0;
+  const auto* bytes = static_cast<const char*>(g_variant_get_fixed_array(array, &length, sizeof(guchar)));
+  if (bytes == nullptr || length == 0) return false;
+  decoded = zv_client::common::base64_decode(std::string(bytes, length));
+  return true;
+}
+
+// The carried bytes of a "(s)" text payload; empty for anything else.
+std::string TextOf(GVariant* value) {
+  if (!IsOfType(value, "(s)")) return {};
+  zv_client::common::GVariantPtr text(g_variant_get_child_value(value, 0));
+  return zv_client::common::base64_decode(g_variant_get_string(text.get(), nullptr));
+}
+}  // namespace
+
+namespace zv_client {
+namespace common {
+
+GVariant* IntegerToVariant(int value) { return g_variant_new("(i)", value); }
+
+int VariantToInteger(GVariant* value) {
+  int result = 0;
+  if (IsOfType(value, "(i)")) g_variant_get(value, "(i)", &result);
+  return result;
+}
+
+GVariant* StringToVariant(const std::string& text) {
+  const std::string encoded =
+      base64_encode(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()));
+  return g_variant_new("(s)", encoded.c_str());
+}
+
+std::string VariantToString(GVariant* value) { return TextOf(value); }
+
+std::string base64_encode(const unsigned char* data, unsigned int length) {
+  std::string result;
+  if (data == nullptr && length != 0) return result;  // GLib would refuse it with a critical
+  GCharPtr encoded(g_base64_encode(data, length));
+  if (encoded) result.assign(encoded.get());
+  return result;
+}
+
+std::string base64_decode(const std::string& text) {
+  std::string result;
+  gsize length = 0;
+  GCharPtr decoded(reinterpret_cast<gchar*>(g_base64_decode(text.c_str(), &length)));
+  if (decoded && length != 0) result.assign(decoded.get(), length);
+  return result;
+}
+
+GVariant* ProfilesToVariant(const std::vector<SessionProfile>& profiles) {
+  GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_TUPLE);
+  const std::string count = std::to_string(2U * static_cast<unsigned int>(profiles.size()));
+  ZV_LOGI("profilesSize[%s]", count.c_str());
+  g_variant_builder_add_value(builder, StringToVariant(count));
+  for (const SessionProfile& profile : profiles) {
+    ZV_LOGI("profile [%d] [%s]", profile.id, profile.name.c_str());
+    g_variant_builder_add_value(builder, StringToVariant(std::to_string(profile.id)));
+    g_variant_builder_add_value(builder, StringToVariant(profile.name));
+  }
+  GVariant* inner = g_variant_builder_end(builder);
+  GVariant* outer = g_variant_new_tuple(&inner, 1);
+  g_variant_builder_unref(builder);
+  return outer;
+}
+
+std::vector<SessionProfile> VariantToProfiles(GVariant* value) {
+  std::vector<SessionProfile> profiles;
+  if (value == nullptr || !IsOfType(value, "(r)")) return profiles;
+
+  GVariantPtr inner(g_variant_get_child_value(value, 0));
+  const std::size_t n = g_variant_n_children(inner.get());
+  ZV_LOGI("numValues[%zu]", n);
+  if (n == 0) return profiles;  // not even a count element
+
+  GVariantPtr countElement(g_variant_get_child_value(inner.get(), 0));
+  const unsigned long count = std::stoul(TextOf(countElement.get()), nullptr, 10);
+  ZV_LOGI("profilesSize[%zu]", static_cast<std::size_t>(count));
+  if (n - 1 != count) ZV_LOGE("VariantToProfiles error: has wrong size \n");
+  if (n <= 1) return profiles;
+
+  profiles.reserve((n - 1) / 2);
+  for (std::size_t i = 1; i + 1 < n; i += 2) {
+    GVariantPtr idElement(g_variant_get_child_value(inner.get(), i));
+    GVariantPtr nameElement(g_variant_get_child_value(inner.get(), i + 1));
+    const std::string idText = TextOf(idElement.get());
+    std::string name = TextOf(nameElement.get());
+    ZV_LOGI("profile [%s] [%s]", idText.c_str(), name.c_str());
+    const int id = std::stoi(idText, nullptr, 10);
+    profiles.push_back(SessionProfile{std::move(name), id});
+  }
+  return profiles;
+}
+
+GVariant* ProfileWithStatusToVariant(const SessionProfile& profile, int status) {
+  const std::string encoded = base64_encode(reinterpret_cast<const unsigned char*>(profile.name.data()),
+                                            static_cast<unsigned int>(profile.name.size()));
+  return g_variant_new("(@ayqq)", ByteArrayOf(encoded), static_cast<guint16>(profile.id),
+                       static_cast<guint16>(status));
+}
+
+bool VariantToProfileWithStatus(GVariant* value, SessionProfile& profile, int& status) {
+  if (!IsOfType(value, "(ayqq)")) return false;
+  GVariant* array = nullptr;
+  guint16 id = 0;
+  guint16 state = 0;
+  g_variant_get(value, "(@ayqq)", &array, &id, &state);
+  GVariantPtr owned(array);
+  std::string name;
+  if (!DecodeByteArray(owned.get(), name)) return false;
+  profile.name = std::move(name);
+  profile.id = id;
+  status = state;
+  return true;
+}
+
+GVariant* SerializeIntoGVariant(const std::string& data, int number) {
+  const std::string encoded =
+      base64_encode(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned int>(data.size()));
+  return g_variant_new("(@ayq)", ByteArrayOf(encoded), static_cast<guint16>(number));
+}
+
+GVariant* SerializeIntoGVariant(const std::string& data) {
+  const std::string encoded =
+      base64_encode(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned int>(data.size()));
+  return g_variant_new("(@ay)", ByteArrayOf(encoded));
+}
+
+bool DeserializeDataFromGVariant(GVariant* value, std::string& data, int& number) {
+  if (!IsOfType(value, "(ayq)")) return false;
+  GVariant* array = nullptr;
+  guint16 carried = 0;
+  g_variant_get(value, "(@ayq)", &array, &carried);
+  GVariantPtr owned(array);
+  std::string decoded;
+  if (!DecodeByteArray(owned.get(), decoded)) return false;
+  data = std::move(decoded);
+  number = carried;
+  return true;
+}
+
+bool DeserializeDataFromGVariant(GVariant* value, std::string& data) {
+  if (!IsOfType(value, "(ay)")) return false;
+  GVariantPtr owned(g_variant_get_child_value(value, 0));
+  std::string decoded;
+  if (!DecodeByteArray(owned.get(), decoded)) return false;
+  data = std::move(decoded);
+  return true;
+}
+
+}  // namespace common
+}  // namespace zv_client
+
+namespace logt {
+
+std::string thread_id() {
+  // A thread's id never changes, so it is formatted once per thread.
+  thread_local const std::string id = [] {
+    std::ostringstream text;
+    text.setf(std::ios_base::hex, std::ios_base::basefield);
+    text << std::this_thread::get_id();
+    return text.str();
+  }();
+  return id;
+}
+
+}  // namespace logt

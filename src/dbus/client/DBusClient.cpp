@@ -1,0 +1,284 @@
+#include <dbus/client/DBusClient.h>
+
+#include <exception>
+#include <utility>
+
+#include <dbus/client/CallbackAnchor.h>
+#include <dbus/client/ServiceContract.h>
+#include <platform/Log.h>
+
+namespace zv_client {
+namespace dbus {
+namespace client {
+namespace {
+
+constexpr char kLogTag[] = "zorvel.dbus_client";
+
+// Makes handler runs mutually exclusive across all clients and threads.
+// Recursive, so a handler may dispatch another signal on its own thread.
+// Never destroyed: a client deleted by a static destructor at exit uses it.
+std::recursive_mutex& SignalMutex() {
+  static std::recursive_mutex* const mutex = new std::recursive_mutex;
+  return *mutex;
+}
+
+const char* OrNull(const char* text) { return text != nullptr ? text : "NULL"; }
+
+}  // namespace
+
+DBusClient::DBusClient()
+    : cancellable_(g_cancellable_new()), anchor_(std::make_shared<detail::CallbackAnchor>()) {
+  anchor_->client = this;
+}
+
+DBusClient::~DBusClient() {
+  ZV_LOGI("~DBusClient start");
+  DetachCallbacks();
+  StopBusWatcher();
+  DBusClient::Disconnect();
+  ZV_LOGI("~DBusClient end");
+}
+
+bool DBusClient::Connect() {
+  if (connected_) return true;
+
+  std::lock_guard<std::mutex> lock(connectionMutex_);
+  // Two threads may both have passed the test above; the second must not
+  // create a second proxy and subscription over the first.
+  if (connected_) return true;
+  busName_ = kBusName;
+
+  GError* rawError = nullptr;
+  GDBusProxy* proxy = g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_NONE, nullptr,
+                                                    kBusName.c_str(), kObjectPath.c_str(),
+                                                    kInterfaceName.c_str(), nullptr, &rawError);
+  common::GErrorPtr error(rawError);
+  {
+    std::lock_guard<std::mutex> proxyLock(proxyMutex_);
+    proxy_.reset(proxy);
+  }
+  if (proxy == nullptr) {
+    ZV_LOGE("Failed to setup D-Bus proxy for Zorvel Daemon, error = %s",
+            error ? error->message : "unknown error");
+    return false;
+  }
+
+  common::GCharPtr owner(g_dbus_proxy_get_name_owner(proxy));
+  std::string remembered;
+  {
+    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    remembered = nameOwner_;
+  }
+  ZV_LOGI("Old nameOwner(%s), new nameOwner (%s)", remembered.c_str(), OrNull(owner.get()));
+
+  if (owner && remembered != owner.get()) {
+    signalSubscriptionId_ = g_dbus_connection_signal_subscribe(
+        g_dbus_proxy_get_connection(proxy), kBusName.c_str(), kInterfaceName.c_str(), nullptr,
+        kObjectPath.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &DBusClient::SignalHandler, NewCallbackHandle(),
+        &DBusClient::FreeCallbackHandle);
+    LaunchBusWatcher();
+    connected_ = true;
+    return connected_;
+  }
+
+  ZV_LOGE("Connection failed: got empty nameOwner? [%d] connected to service which terminates? [%d]",
+          owner ? 0 : 1, (owner && remembered == owner.get()) ? 1 : 0);
+  std::lock_guard<std::mutex> proxyLock(proxyMutex_);
+  proxy_.reset();
+  return false;
+}
+
+bool DBusClient::Disconnect() {
+  if (!connected_) {
+    ZV_LOGI("Already disconnected");
+    return false;
+  }
+  ZV_LOGI("Disconnect started");
+
+  std::lock_guard<std::mutex> lock(connectionMutex_);
+  if (!connected_) {  // a concurrent Disconnect got here first
+    ZV_LOGI("Already disconnected");
+    return false;
+  }
+  connected_ = false;
+  common::GObjectPtr<GDBusProxy> proxy;
+  {
+    std::lock_guard<std::mutex> proxyLock(proxyMutex_);
+    proxy = std::move(proxy_);
+  }
+  if (proxy && signalSubscriptionId_ != 0) {
+    g_dbus_connection_signal_unsubscribe(g_dbus_proxy_get_connection(proxy.get()), signalSubscriptionId_);
+  }
+  ipcReady_ = false;
+  return true;  // a Call still running keeps its own reference to the proxy
+}
+
+void DBusClient::Reconnect() {
+  ZV_LOGI("Reconnect start");
+  Disconnect();
+  Connect();
+  ZV_LOGI("Reconnect end");
+}
+
+bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** result, int timeout) {
+  ZV_LOGI("Method [%s] called", method.c_str());
+
+  common::GObjectPtr<GDBusProxy> proxy;
+  {
+    std::lock_guard<std::mutex> proxyLock(proxyMutex_);
+    if (proxy_) proxy.reset(static_cast<GDBusProxy*>(g_object_ref(proxy_.get())));
+  }
+  if (!connected_ || !ipcReady_ || !proxy) {
+    ZV_LOGE("Dbus is nor ready yet [%d][%d]", proxy ? 0 : 1, ipcReady_ ? 1 : 0);
+    return false;
+  }
+
+  if (params != nullptr && g_variant_is_floating(params)) g_variant_ref_sink(params);
+
+  GError* rawError = nullptr;
+  GVariant* reply = g_dbus_proxy_call_sync(proxy.get(), method.c_str(), params, G_DBUS_CALL_FLAGS_NONE, timeout,
+                                           cancellable_.get(), &rawError);
+  common::GErrorPtr error(rawError);
+  if (result != nullptr) {
+    *result = reply;
+  } else if (reply != nullptr) {
+    g_variant_unref(reply);
+  }
+  if (reply == nullptr) {
+    ZV_LOGE("Failed to call D-Bus for Zorvel daemon, error = %s", error ? error->message : "unknown error");
+    return false;
+  }
+  return true;
+}
+
+bool DBusClient::IsConnected() const { return connected_; }
+
+void DBusClient::SetIpcReadyCallback(std::function<void(bool)> callback) {
+  {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    ipcReadyCallback_.swap(callback);
+  }
+  // The replaced callback is destroyed here, outside the lock.
+}
+
+void DBusClient::LaunchBusWatcher() {
+  std::lock_guard<std::mutex> lock(watcherMutex_);
+  if (busWatcherId_ != 0 || busName_.empty()) return;
+  busWatcherId_ = g_bus_watch_name(G_BUS_TYPE_SYSTEM, busName_.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                   &DBusClient::OnBusNameAvailable, &DBusClient::OnBusNameVanished,
+                                   NewCallbackHandle(), &DBusClient::FreeCallbackHandle);
+}
+
+void DBusClient::StopBusWatcher() {
+  guint id = 0;
+  {
+    std::lock_guard<std::mutex> lock(watcherMutex_);
+    std::swap(id, busWatcherId_);
+  }
+  if (id != 0) g_bus_unwatch_name(id);
+}
+
+void DBusClient::OnBusNameAvailable(GDBusConnection* /*connection*/, const char* name, const char* nameOwner,
+                                    void* userData) {
+  ZV_LOGI("Get Dbus owner for name:%s owner : %s", OrNull(name), OrNull(nameOwner));
+  detail::CallbackScope scope(userData);
+  DBusClient* self = scope.client();
+  if (self == nullptr) {
+    ZV_LOGW("nullptr, return");
+    return;
+  }
+  if (nameOwner == nullptr) return;
+
+  std::string previous;
+  {
+    std::lock_guard<std::mutex> lock(self->stateMutex_);
+    previous = self->nameOwner_;
+  }
+  if (previous == nameOwner) {
+    ZV_LOGI("Connected to old name owner, which terminates");
+    return;
+  }
+  ZV_LOGI("Upadte name owner, set new ID [%s], old one was [%s]", nameOwner, previous.c_str());
+  self->NotifyIpcReady(true, nameOwner);
+}
+
+void DBusClient::OnBusNameVanished(GDBusConnection* /*connection*/, const char* name, void* userData) {
+  ZV_LOGI("Name [%s] vanished on DBus", OrNull(name));
+  detail::CallbackScope scope(userData);
+  DBusClient* self = scope.client();
+  if (self == nullptr) {
+    ZV_LOGW("nullptr, return");
+    return;
+  }
+  self->NotifyIpcReady(false, "");
+}
+
+void DBusClient::NotifyIpcReady(bool isReady, const char* nameOwner) {
+  std::function<void(bool)> callback;
+  {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    nameOwner_ = nameOwner;
+    callback = ipcReadyCallback_;
+  }
+  ipcReady_ = isReady;
+  // No lock held: the callback may connect, disconnect or replace itself.
+  if (callback) callback(isReady);
+}
+
+void DBusClient::SetSignalCallback(const std::string& signalName, SignalCallback callback) {
+  {
+    std::lock_guard<std::mutex> lock(signalMapMutex_);
+    signalCallbacks_[signalName].swap(callback);
+  }
+  // The replaced handler is destroyed outside the lock; a dispatch that is
+  // running it holds a copy of its own.
+}
+
+void DBusClient::HandleSignal(const std::string& signalName, GVariant* parameters) {
+  ZV_LOGI("HandleSignal is called, signal name [%s]", signalName.c_str());
+  SignalCallback handler;
+  {
+    std::lock_guard<std::mutex> lock(signalMapMutex_);
+    const auto entry = signalCallbacks_.find(signalName);
+    if (entry != signalCallbacks_.end()) handler = entry->second;
+  }
+  if (!handler) {
+    ZV_LOGI("Haven't found callback for signal %s. Skipping processing...", signalName.c_str());
+    return;
+  }
+  std::lock_guard<std::recursive_mutex> lock(SignalMutex());
+  handler(parameters);
+}
+
+void DBusClient::SignalHandler(GDBusConnection* /*connection*/, const char* /*senderName*/,
+                               const char* /*objectPath*/, const char* /*interfaceName*/, const char* signalName,
+                               GVariant* parameters, void* userData) {
+  ZV_LOGI("[Zorvel] Got Signal from zorvel daemon %s", OrNull(signalName));
+  detail::CallbackScope scope(userData);
+  if (DBusClient* self = scope.client(); self != nullptr && signalName != nullptr) {
+    // An exception must not unwind through GLib's C frames.
+    try {
+      self->HandleSignal(signalName, parameters);
+    } catch (const std::exception& exception) {
+      ZV_LOGE("Signal handler for %s threw: %s", signalName, exception.what());
+    } catch (...) {
+      ZV_LOGE("Signal handler for %s threw", signalName);
+    }
+  }
+  ZV_LOGI("END");
+}
+
+void* DBusClient::NewCallbackHandle() const { return new detail::CallbackHandle(anchor_); }
+
+void DBusClient::FreeCallbackHandle(void* handle) { delete static_cast<detail::CallbackHandle*>(handle); }
+
+void DBusClient::DetachCallbacks() {
+  std::lock_guard<std::recursive_mutex> lock(anchor_->mutex);
+  anchor_->client = nullptr;
+}
+
+void DBusClient::CancelCalls() { g_cancellable_cancel(cancellable_.get()); }
+
+}  // namespace client
+}  // namespace dbus
+}  // namespace zv_client

@@ -1,0 +1,130 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <gio/gio.h>
+
+#include <common/Export.h>
+#include <common/GLibPtr.h>
+
+namespace zv_client {
+namespace dbus {
+namespace client {
+
+namespace detail {
+struct CallbackAnchor;
+}
+
+// The base D-Bus client: owns the proxy for the daemon's object on the system
+// bus, follows the owner of the daemon's well-known name, makes synchronous
+// calls and dispatches the daemon's signals by member name.
+//
+// Threads: the name watcher and signal callbacks are delivered through the
+// thread-default main context of the thread that called Connect (normally the
+// global default context, whose main loop the application runs).
+//
+// Lock order (outermost first; a lock is only ever taken while holding locks
+// above it):
+//   1. the callback anchor's mutex (held while a GLib callback runs on us)
+//   2. DBusClientAsync's locks (see there)
+//   3. connectionMutex_
+//   4. watcherMutex_, proxyMutex_, stateMutex_, signalMapMutex_ (leaves)
+// The process-wide signal mutex is held only around a handler, with none of
+// 3-4 held; a handler may take any lock of 2-4 again.
+class ZORVEL_API DBusClient {
+ public:
+  using SignalCallback = std::function<void(GVariant*)>;
+
+  DBusClient();
+  virtual ~DBusClient();
+
+  DBusClient(const DBusClient&) = delete;
+  DBusClient& operator=(const DBusClient&) = delete;
+
+  // Creates the proxy and subscribes to the daemon's signals; true when
+  // connected. Fails while the name has no owner or is still owned by the
+  // instance last recorded (one that is going away).
+  virtual bool Connect();
+  // Drops the subscription and the proxy; false when it was not connected.
+  virtual bool Disconnect();
+  virtual void Reconnect();
+  // One synchronous call of `method`. A floating `params` is sunk (the caller
+  // then holds a full reference it must release); the reply stored through
+  // `result` belongs to the caller. `timeout` in ms, -1 for GDBus's default.
+  virtual bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout);
+
+  bool IsConnected() const;
+  void SetIpcReadyCallback(std::function<void(bool)> callback);
+
+  void LaunchBusWatcher();
+  void StopBusWatcher();
+
+  // GDBus callbacks. `userData` is the callback handle this client registered
+  // (see NewCallbackHandle), never the client itself, so a callback that GLib
+  // dispatches after the client is gone finds no client and does nothing.
+  static void OnBusNameAvailable(GDBusConnection* connection, const char* name, const char* nameOwner,
+                                 void* userData);
+  static void OnBusNameVanished(GDBusConnection* connection, const char* name, void* userData);
+
+  // Registers `callback` for the signal member `signalName`, replacing any
+  // earlier one. Safe against concurrent dispatch: a handler already running
+  // finishes with the callable it started with.
+  void SetSignalCallback(const std::string& signalName, SignalCallback callback);
+  // Runs the handler registered for `signalName` (none, or an empty one, is
+  // logged and skipped) under the process-wide signal mutex, which the same
+  // thread may take again: a handler may itself call HandleSignal. Borrows
+  // `parameters`; exceptions of the handler pass to the caller.
+  void HandleSignal(const std::string& signalName, GVariant* parameters);
+  static void SignalHandler(GDBusConnection* connection, const char* senderName, const char* objectPath,
+                            const char* interfaceName, const char* signalName, GVariant* parameters,
+                            void* userData);
+
+ protected:
+  // A heap handle naming this client for a GLib registration's user data;
+  // pass FreeCallbackHandle as its destroy notify.
+  void* NewCallbackHandle() const;
+  static void FreeCallbackHandle(void* handle);
+
+  // Blocks until no GLib callback runs on this client and makes every later
+  // one a no-op. A derived destructor calls it first, before its own members
+  // go; calling it from inside one of this client's callbacks is not allowed.
+  void DetachCallbacks();
+  // Fails every call in flight and every later one at once; for teardown.
+  void CancelCalls();
+
+ private:
+  // Records `nameOwner` ("" when the name vanished) and tells the ready callback.
+  void NotifyIpcReady(bool isReady, const char* nameOwner);
+
+  // Fields in the order of the client's data model. The GLib callbacks (main
+  // loop thread) and the application's threads share them as noted.
+  std::map<std::string, SignalCallback> signalCallbacks_;  // guarded by signalMapMutex_
+  std::function<void(bool)> ipcReadyCallback_;              // guarded by stateMutex_; run outside it
+  std::atomic<bool> connected_{false};
+  // Written under connectionMutex_ and proxyMutex_, read under either. Call
+  // takes its own reference under proxyMutex_, so a Disconnect on another
+  // thread cannot release the proxy in the middle of a call.
+  common::GObjectPtr<GDBusProxy> proxy_;
+  guint signalSubscriptionId_ = 0;  // guarded by connectionMutex_
+  std::string busName_;             // guarded by connectionMutex_
+  std::string nameOwner_;           // guarded by stateMutex_; written only by the watcher callbacks
+  guint busWatcherId_ = 0;          // guarded by watcherMutex_
+  std::atomic<bool> ipcReady_{false};
+  std::mutex connectionMutex_;
+
+  std::mutex watcherMutex_;
+  mutable std::mutex proxyMutex_;
+  std::mutex stateMutex_;
+  std::mutex signalMapMutex_;
+  common::GObjectPtr<GCancellable> cancellable_;  // set once; cancelled at teardown
+  std::shared_ptr<detail::CallbackAnchor> anchor_;  // shared with every GLib registration
+};
+
+}  // namespace client
+}  // namespace dbus
+}  // namespace zv_client

@@ -1,0 +1,43 @@
+#pragma once
+
+// Internal logging macros. Every line starts with "<file>: <function>(<line>) > ";
+// the *_THD variants continue with "thd: <thread id> " and the quoted message.
+// A source file defines `kLogTag` (its tag) before using them.
+
+#include <cstddef>
+#include <type_traits>
+
+#include <common/GLibUtils.h>
+#include <platform/SystemLog.h>
+
+namespace zv_client {
+namespace platform {
+namespace detail {
+
+constexpr std::size_t BasenameOffset(const char* path) {
+  std::size_t offset = 0;
+  for (std::size_t i = 0; path[i] != '\0'; ++i) {
+    if (path[i] == '/') offset = i + 1;
+  }
+  return offset;
+}
+
+}  // namespace detail
+}  // namespace platform
+}  // namespace zv_client
+
+#define ZV_LOG_FILE_ \
+  (__FILE__ + std::integral_constant<std::size_t, ::zv_client::platform::detail::BasenameOffset(__FILE__)>::value)
+
+#define ZV_LOG_(buffer, priority, fmt, ...)                                                  \
+  ::zv_client::platform::LogPrint(::zv_client::platform::LogBuffer::buffer,                \
+                                  ::zv_client::platform::LogPriority::priority, kLogTag, \
+                                  "%s: %s(%d) > " fmt, ZV_LOG_FILE_, __func__, __LINE__,   \
+                                  ##__VA_ARGS__)
+
+#define ZV_LOGI(fmt, ...) ZV_LOG_(kSystem, kInfo, fmt, ##__VA_ARGS__)
+#define ZV_LOGW(fmt, ...) ZV_LOG_(kSystem, kWarning, fmt, ##__VA_ARGS__)
+#define ZV_LOGE(fmt, ...) ZV_LOG_(kSystem, kError, fmt, ##__VA_ARGS__)
+#define ZV_LOGI_MAIN(fmt, ...) ZV_LOG_(kMain, kInfo, fmt, ##__VA_ARGS__)
+#define ZV_LOGI_THD(fmt, ...) \
+  ZV_LOG_(kSystem, kInfo, "thd: %s \"" fmt "\"", ::logt::thread_id().c_str(), ##__VA_ARGS__)
