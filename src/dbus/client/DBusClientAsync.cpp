@@ -97,42 +97,41 @@ DBusClientAsync::~DBusClientAsync() {
 }
 
 void DBusClientAsync::SetFunctions() {
-  const auto forward = [this](const CommandData::Parameters& parameters) { return ForwardCommand(parameters); };
-  functions_[kMethodInit] = forward;
-  functions_[kMethodDeinit] = forward;
-  functions_[kMethodConnect] = forward;
-  functions_[kMethodStartBroadcast] = forward;
-  functions_[kMethodStopBroadcast] = forward;
-  functions_[kMethodDeleteStoredProfile] = forward;
-  functions_[kMethodReadProfiles] = [this](const CommandData::Parameters& parameters) {
-    return ReadProfilesCommand(parameters);
-  };
-  SetIpcReadyCallback([this](bool isReady) { OnIpcReady(isReady); });
+  functions_[kMethodInit] = ForwardingCommand{this};
+  functions_[kMethodDeinit] = ForwardingCommand{this};
+  functions_[kMethodConnect] = ForwardingCommand{this};
+  functions_[kMethodStartBroadcast] = ForwardingCommand{this};
+  functions_[kMethodStopBroadcast] = ForwardingCommand{this};
+  functions_[kMethodDeleteStoredProfile] = ForwardingCommand{this};
+  functions_[kMethodReadProfiles] = ProfileReadingCommand{this};
+  SetIpcReadyCallback(IpcReadyHandler{this});
 }
 
-bool DBusClientAsync::ForwardCommand(const CommandData::Parameters& parameters) {
+bool DBusClientAsync::ForwardingCommand::operator()(const CommandData::Parameters& parameters) const {
   GVariant** destination = parameters.result;
   if (destination == nullptr) {
-    if (lastReply_ != nullptr) g_variant_unref(std::exchange(lastReply_, nullptr));
-    destination = &lastReply_;
+    if (client->lastReply_ != nullptr) g_variant_unref(std::exchange(client->lastReply_, nullptr));
+    destination = &client->lastReply_;
   }
-  return DBusClient::Call(parameters.method, parameters.params, destination, parameters.timeout);
+  // The base class's synchronous call: the virtual slot would lead back here.
+  return client->DBusClient::Call(parameters.method, parameters.params, destination, parameters.timeout);
 }
 
-bool DBusClientAsync::ReadProfilesCommand(const CommandData::Parameters& parameters) {
-  if (!ForwardCommand(parameters)) return false;
+bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Parameters& parameters) const {
+  if (!ForwardingCommand{client}(parameters)) return false;
   if (parameters.result != nullptr) return true;
 
-  profiles_ = common::VariantToProfiles(lastReply_);
-  ZV_LOGI_THD("Read profiles size[%zu]", profiles_.size());
+  DBusClientAsync& self = *client;
+  self.profiles_ = common::VariantToProfiles(self.lastReply_);
+  ZV_LOGI_THD("Read profiles size[%zu]", self.profiles_.size());
   // Queued, not dispatched: the handlers run once poolMutex_ is released.
-  for (const common::SessionProfile& profile : profiles_) {
+  for (const common::SessionProfile& profile : self.profiles_) {
     GVariant* payload = common::SerializeIntoGVariant(profile.name, profile.id);
     if (payload == nullptr) {
       ZV_LOGE("Failed to allocate tuple");
       continue;
     }
-    pendingDeliveries_.push_back(common::SinkVariant(payload));
+    self.pendingDeliveries_.push_back(common::SinkVariant(payload));
   }
   return true;
 }
@@ -151,6 +150,7 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
     std::lock_guard<std::mutex> lock(gate->mutex);
     ++gate->inFlight;
   }
+  ++counts_.accepted;
   try {
     std::thread([this, command = std::move(command), gate]() mutable {
       command.parameters.result = nullptr;
@@ -167,10 +167,10 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
       --gate->inFlight;
       gate->idle.notify_all();
     }
+    --counts_.accepted;
     if (params != nullptr) g_variant_unref(params);
     throw;
   }
-  ++counts_.accepted;
   return true;
 }
 
@@ -283,40 +283,41 @@ void DBusClientAsync::Deliver(Batch batch, std::uint64_t ticket) {
   deliveryTurn_.notify_all();
 }
 
-void DBusClientAsync::OnIpcReady(bool isReady) {
-  std::unique_lock<std::mutex> lock(poolMutex_);
-  ZV_LOGI_THD("IpcReady [%d] command pool size [%zu]", isReady ? 1 : 0, commandPool_.size());
-  ResetTimer(true);
-  ready_ = isReady;
+void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
+  DBusClientAsync& self = *client;
+  std::unique_lock<std::mutex> lock(self.poolMutex_);
+  ZV_LOGI_THD("IpcReady [%d] command pool size [%zu]", isReady ? 1 : 0, self.commandPool_.size());
+  self.ResetTimer(true);
+  self.ready_ = isReady;
 
   if (!isReady) {
     ZV_LOGI("Connection lost. Disconnect from the server and stop watcher");
-    StopBusWatcher();
-    DBusClient::Disconnect();
-    if (commandPool_.empty()) return;
+    self.StopBusWatcher();
+    self.DBusClient::Disconnect();
+    if (self.commandPool_.empty()) return;
     ZV_LOGI("Connection is lost, but there are unhandled commands. RestoreConnection");
-    RestoreConnection();
+    self.RestoreConnection();
     return;
   }
 
-  while (!commandPool_.empty() && !closing_) {
-    const CommandData command = commandPool_.front();
+  while (!self.commandPool_.empty() && !self.closing_) {
+    const CommandData command = self.commandPool_.front();
     ZV_LOGI_THD("IpcReady command[%s] STARTED", command.parameters.method.c_str());
-    ++counts_.replayed;
+    ++self.counts_.replayed;
     try {
-      RunFunction(command);
+      self.RunFunction(command);
     } catch (const std::exception&) {
       ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
     }
     if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
-    commandPool_.pop_front();
+    self.commandPool_.pop_front();
     ZV_LOGI_THD("IpcReady command[%s] FINISHED", command.parameters.method.c_str());
   }
 
   std::uint64_t ticket = 0;
-  Batch batch = TakeDeliveries(ticket);
+  Batch batch = self.TakeDeliveries(ticket);
   lock.unlock();
-  Deliver(std::move(batch), ticket);
+  self.Deliver(std::move(batch), ticket);
 }
 
 void DBusClientAsync::DiscardPool() {
@@ -423,15 +424,23 @@ void DBusClientAsync::RestoreConnection() {
   ZV_LOGI("RestoreConnection end");
 }
 
-DBusClientAsync::Counts DBusClientAsync::GetCounts() const {
+DBusClientAsync::Counts DBusClientAsync::GetCounts() {
   Counts counts;
+  {
+    std::lock_guard<std::mutex> lock(gate_->mutex);
+    counts.inFlight = gate_->inFlight;
+  }
+  {
+    std::lock_guard<std::mutex> lock(poolMutex_);
+    counts.held = commandPool_.size();
+  }
   counts.accepted = counts_.accepted;
   counts.ranAtOnce = counts_.ranAtOnce;
-  counts.pooled = counts_.pooled;
   counts.replayed = counts_.replayed;
   counts.droppedDuplicate = counts_.droppedDuplicate;
   counts.discarded = counts_.discarded;
   counts.failed = counts_.failed;
+  counts.pooled = counts_.pooled;
   return counts;
 }
 

@@ -65,15 +65,19 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     std::function<bool(const Parameters&)> function;
   };
 
-  // Where accepted commands ended; for tests and diagnostics.
+  // Where accepted commands ended; for tests and diagnostics. Once no command
+  // is in flight, accepted == ranAtOnce + replayed + droppedDuplicate +
+  // discarded + failed + held.
   struct Counts {
     std::uint64_t accepted = 0;
     std::uint64_t ranAtOnce = 0;
-    std::uint64_t pooled = 0;    // entered the pool (each later replayed or discarded)
     std::uint64_t replayed = 0;
     std::uint64_t droppedDuplicate = 0;
     std::uint64_t discarded = 0;  // by Disconnect or teardown
     std::uint64_t failed = 0;     // an exception before the command could run
+    std::uint64_t pooled = 0;     // ever entered the pool (each later replayed or discarded)
+    std::uint64_t held = 0;       // in the pool now
+    std::uint64_t inFlight = 0;   // accepted, command thread not yet finished
   };
 
   DBusClientAsync();
@@ -95,16 +99,27 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   void RestoreConnection();
   void ResetTimer(bool remove);
 
-  Counts GetCounts() const;
+  Counts GetCounts();
 
  private:
   struct CommandGate;
   using Batch = std::vector<common::GVariantPtr>;
 
   void SetFunctions();
-  void OnIpcReady(bool isReady);
-  bool ForwardCommand(const CommandData::Parameters& parameters);
-  bool ReadProfilesCommand(const CommandData::Parameters& parameters);
+  // The two command functions of the table and the IpcReady handler: small
+  // callables that hold the client pointer and nothing else.
+  struct ForwardingCommand {
+    DBusClientAsync* client;
+    bool operator()(const CommandData::Parameters& parameters) const;
+  };
+  struct ProfileReadingCommand {
+    DBusClientAsync* client;
+    bool operator()(const CommandData::Parameters& parameters) const;
+  };
+  struct IpcReadyHandler {
+    DBusClientAsync* client;
+    void operator()(bool isReady) const;
+  };
   // Runs the command's function; poolMutex_ held.
   bool RunFunction(const CommandData& command);
   // Takes the queued deliveries and their turn in `ticket`; poolMutex_ held.
