@@ -1,0 +1,232 @@
+#include "support/Sim.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
+#include <dbus/client/ServiceContract.h>
+
+#include "support/PrivateBus.h"
+#include "support/Wait.h"
+
+namespace zv_client {
+namespace testing {
+namespace {
+
+namespace client = dbus::client;
+using client::kBusName;
+
+GVariant* EntriesToVariant(const SimEntries& entries) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(is)"));
+  for (const auto& [id, name] : entries) g_variant_builder_add(&builder, "(is)", id, name.c_str());
+  return g_variant_builder_end(&builder);
+}
+
+// An empty array of variants stands for an empty body on the control surface.
+GVariant* BodyOrEmpty(GVariant* body) {
+  return body != nullptr ? body : g_variant_new_array(G_VARIANT_TYPE_VARIANT, nullptr, 0);
+}
+
+}  // namespace
+
+SimProcess::SimProcess(SimOptions options) : options_(std::move(options)) { Start(); }
+
+SimProcess::~SimProcess() { Stop(); }
+
+bool SimProcess::Start() {
+  const std::string path = ZORVEL_TEST_SIM_PATH;
+  if (path.empty()) {
+    ADD_FAILURE() << "zorvel-sim was not built with the tests";
+    return false;
+  }
+  if (Running()) {
+    ADD_FAILURE() << "zorvel-sim is already running as " << pid_;
+    return false;
+  }
+  BusAddress();  // the child inherits DBUS_SYSTEM_BUS_ADDRESS
+  std::vector<std::string> argv{path};
+  if (std::getenv("ZORVEL_TEST_SIM_VERBOSE") == nullptr) argv.push_back("--quiet");
+  for (const auto& [id, name] : options_.profiles) argv.insert(argv.end(), {"--profile", std::to_string(id) + ":" + name});
+  for (const auto& [id, name] : options_.instances) argv.insert(argv.end(), {"--instance", std::to_string(id) + ":" + name});
+  if (options_.intervalMs != 0) argv.insert(argv.end(), {"--interval", std::to_string(options_.intervalMs)});
+  argv.insert(argv.end(), options_.extraArguments.begin(), options_.extraArguments.end());
+  pid_ = SpawnChild(argv);
+
+  int status = 0;
+  bool exited = false;
+  const bool up = WaitUntil([&] {
+    if (waitpid(pid_, &status, WNOHANG) == pid_) exited = true;
+    return exited || (!NameOwner(kSimBusName).empty() && !NameOwner(kBusName).empty());
+  });
+  if (exited || !up) {
+    ADD_FAILURE() << "zorvel-sim did not come up (" << (exited ? "exited" : "timed out") << ", status "
+                  << status << ")";
+    if (exited) pid_ = -1;
+    return false;
+  }
+  return true;
+}
+
+void SimProcess::Kill() { Terminate(SIGKILL); }
+
+int SimProcess::Stop() { return Terminate(SIGTERM); }
+
+int SimProcess::Terminate(int signal) {
+  if (!Running()) return -1;
+  const std::string owners[] = {NameOwner(kSimBusName), NameOwner(kBusName)};
+  kill(pid_, signal);
+  int status = 0;
+  if (!WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
+    ADD_FAILURE() << "zorvel-sim ignored signal " << signal;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status, 0);
+  }
+  pid_ = -1;
+  // The bus drops a dead peer's names a little after the process is gone.
+  const bool gone = WaitUntil([&] {
+    return (owners[0].empty() || NameOwner(kSimBusName) != owners[0]) &&
+           (owners[1].empty() || NameOwner(kBusName) != owners[1]);
+  });
+  EXPECT_TRUE(gone) << "the names of the dead zorvel-sim are still owned";
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+SimControl::SimControl() : connection_(OpenBusConnection()) {}
+
+common::GVariantPtr SimControl::Invoke(const char* method, GVariant* parameters, bool failureExpected) {
+  GError* rawError = nullptr;
+  GVariant* reply = g_dbus_connection_call_sync(connection_.get(), kSimBusName.c_str(), "/zorvel/sim",
+                                                "zorvel.sim.Control", method, parameters, nullptr,
+                                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &rawError);
+  common::GErrorPtr error(rawError);
+  if (reply == nullptr && !failureExpected) {
+    ADD_FAILURE() << "zorvel.sim.Control." << method << " failed: " << error->message;
+  }
+  return common::GVariantPtr(reply);
+}
+
+void SimControl::Emit(const std::string& member, GVariant* body) {
+  Invoke("Emit", g_variant_new("(sv)", member.c_str(), BodyOrEmpty(body)));
+}
+
+void SimControl::EmitAs(const std::string& member, GVariant* body, const std::string& destination) {
+  Invoke("EmitAs", g_variant_new("(svs)", member.c_str(), BodyOrEmpty(body), destination.c_str()));
+}
+
+void SimControl::SetAnswer(const std::string& method, int value) {
+  Invoke("SetAnswer", g_variant_new("(si)", method.c_str(), value));
+}
+
+void SimControl::SetReply(const std::string& method, GVariant* body) {
+  Invoke("SetReply", g_variant_new("(sv)", method.c_str(), BodyOrEmpty(body)));
+}
+
+void SimControl::ClearReply(const std::string& method) { Invoke("ClearReply", g_variant_new("(s)", method.c_str())); }
+
+void SimControl::SetDelay(const std::string& method, unsigned ms) {
+  Invoke("SetDelay", g_variant_new("(su)", method.c_str(), ms));
+}
+
+void SimControl::SetNoReply(const std::string& method, bool never) {
+  Invoke("SetNoReply", g_variant_new("(sb)", method.c_str(), never));
+}
+
+std::vector<SimCall> SimControl::GetCalls() {
+  std::vector<SimCall> calls;
+  const common::GVariantPtr reply = Invoke("GetCalls", nullptr);
+  if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a(tssv))"))) return calls;
+  GVariantIter* iter = nullptr;
+  g_variant_get(reply.get(), "(a(tssv))", &iter);
+  guint64 seq = 0;
+  const gchar* method = nullptr;
+  const gchar* sender = nullptr;
+  GVariant* args = nullptr;
+  while (g_variant_iter_loop(iter, "(t&s&sv)", &seq, &method, &sender, &args)) {
+    calls.push_back(SimCall{seq, method, sender, common::GVariantPtr(g_variant_ref(args))});
+  }
+  g_variant_iter_free(iter);
+  return calls;
+}
+
+void SimControl::ClearCalls() { Invoke("ClearCalls", nullptr); }
+
+void SimControl::ReleaseName() { Invoke("ReleaseName", nullptr); }
+
+namespace {
+std::string StringOf(const common::GVariantPtr& reply) {
+  if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(s)"))) return {};
+  const gchar* text = nullptr;
+  g_variant_get(reply.get(), "(&s)", &text);
+  return text;
+}
+}  // namespace
+
+std::string SimControl::AcquireName() { return StringOf(Invoke("AcquireName", nullptr)); }
+
+std::string SimControl::Restart() { return StringOf(Invoke("Restart", nullptr)); }
+
+std::string SimControl::GetOwner() { return StringOf(Invoke("GetOwner", nullptr)); }
+
+void SimControl::SetProfiles(const SimEntries& profiles) {
+  Invoke("SetProfiles", g_variant_new("(@a(is))", EntriesToVariant(profiles)));
+}
+
+SimEntries SimControl::GetProfiles() {
+  SimEntries entries;
+  const common::GVariantPtr reply = Invoke("GetProfiles", nullptr);
+  if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a(is))"))) return entries;
+  GVariantIter* iter = nullptr;
+  g_variant_get(reply.get(), "(a(is))", &iter);
+  gint32 id = 0;
+  const gchar* name = nullptr;
+  while (g_variant_iter_loop(iter, "(i&s)", &id, &name)) entries.emplace_back(id, name);
+  g_variant_iter_free(iter);
+  return entries;
+}
+
+void SimControl::SetInstances(const SimEntries& instances) {
+  Invoke("SetInstances", g_variant_new("(@a(is))", EntriesToVariant(instances)));
+}
+
+void SimControl::SetInterval(unsigned ms) { Invoke("SetInterval", g_variant_new("(u)", ms)); }
+
+void SimControl::Quit() {
+  Invoke("Quit", nullptr, /*failureExpected=*/true);  // the sim may be gone before it answers
+}
+
+std::vector<SimCall> SimControl::CallsOf(const std::string& method) {
+  std::vector<SimCall> calls = GetCalls();
+  std::vector<SimCall> matching;
+  for (SimCall& call : calls) {
+    if (call.method == method) matching.push_back(std::move(call));
+  }
+  return matching;
+}
+
+bool SimControl::WaitForCall(const std::string& method, std::size_t count, std::chrono::milliseconds deadline) {
+  return WaitUntil([&] { return CallsOf(method).size() >= count; }, deadline);
+}
+
+Impostor::Impostor() : connection_(OpenBusConnection()) {}
+
+std::string Impostor::UniqueName() const { return g_dbus_connection_get_unique_name(connection_.get()); }
+
+bool Impostor::Emit(const std::string& member, GVariant* body, const std::string& destination) {
+  GVariant* parameters = body;
+  if (body == nullptr) {
+    parameters = g_variant_new_tuple(nullptr, 0);
+  } else if (!g_variant_is_of_type(body, G_VARIANT_TYPE_TUPLE)) {
+    parameters = g_variant_new_tuple(&body, 1);
+  }
+  const gboolean sent = g_dbus_connection_emit_signal(
+      connection_.get(), destination.empty() ? nullptr : destination.c_str(), client::kObjectPath.c_str(),
+      client::kInterfaceName.c_str(), member.c_str(), parameters, nullptr);
+  return sent && g_dbus_connection_flush_sync(connection_.get(), nullptr, nullptr);
+}
+
+}  // namespace testing
+}  // namespace zv_client

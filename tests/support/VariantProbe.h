@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include <gio/gio.h>
+
+namespace zv_client {
+namespace testing {
+
+// A new floating "(i)" variant that reports when it is freed: its data is a
+// GBytes that only the variant references, so the bytes' free function runs
+// exactly when the variant's last reference goes. GLib has no public reference
+// count; "still alive" before one unref and "freed" after it is the check.
+class VariantProbe {
+ public:
+  explicit VariantProbe(gint32 value) : freed_(std::make_shared<std::atomic<bool>>(false)) {
+    auto* payload = new Payload{value, freed_};
+    GBytes* bytes = g_bytes_new_with_free_func(&payload->value, sizeof payload->value, &Release, payload);
+    variant_ = g_variant_new_from_bytes(G_VARIANT_TYPE("(i)"), bytes, TRUE);
+    g_bytes_unref(bytes);
+  }
+
+  GVariant* variant() const { return variant_; }  // not owned by the probe
+  bool Freed() const { return *freed_; }
+
+ private:
+  struct Payload {
+    gint32 value;
+    std::shared_ptr<std::atomic<bool>> freed;
+  };
+  static void Release(gpointer data) {
+    auto* payload = static_cast<Payload*>(data);
+    *payload->freed = true;
+    delete payload;
+  }
+
+  std::shared_ptr<std::atomic<bool>> freed_;
+  GVariant* variant_ = nullptr;
+};
+
+}  // namespace testing
+}  // namespace zv_client
