@@ -12,6 +12,7 @@ namespace testing {
 struct LogCapture::State {
   mutable std::mutex mutex;
   std::vector<LogLine> lines;  // guarded by mutex
+  bool keep = true;            // guarded by mutex
   const bool echo = std::getenv("ZORVEL_TEST_LOG") != nullptr;
 };
 
@@ -22,7 +23,7 @@ LogCapture::LogCapture() : state_(std::make_shared<State>()) {
                                         const char* tag, const char* text) {
     if (state->echo) std::fprintf(stderr, "[%s] %s\n", tag, text);
     std::lock_guard<std::mutex> lock(state->mutex);
-    state->lines.push_back(LogLine{buffer, priority, tag, text});
+    if (state->keep) state->lines.push_back(LogLine{buffer, priority, tag, text});
   });
 }
 
@@ -49,6 +50,11 @@ bool LogCapture::WaitFor(const std::string& substring, std::size_t count, std::c
 void LogCapture::Clear() {
   std::lock_guard<std::mutex> lock(state_->mutex);
   state_->lines.clear();
+}
+
+void LogCapture::SetKeepLines(bool keep) {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  state_->keep = keep;
 }
 
 std::string LogCapture::Dump() const {

@@ -35,6 +35,8 @@ class LogCapture {
   bool WaitFor(const std::string& substring, std::size_t count = 1,
                std::chrono::milliseconds deadline = std::chrono::seconds(20)) const;
   void Clear();
+  // Lines are still taken from the library but dropped, for long runs.
+  void SetKeepLines(bool keep);
   std::string Dump() const;  // every line, one a line, for failure messages
 
  private:
