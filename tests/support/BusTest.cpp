@@ -13,6 +13,9 @@ void BusTest::SetUp() {
 
 void BusTest::TearDown() {
   control_.reset();
+  if (sim_ && sim_->Running()) {
+    EXPECT_EQ(sim_->Stop(), 0) << "zorvel-sim did not exit cleanly";
+  }
   sim_.reset();
   std::vector<pid_t> left;
   const bool none = WaitUntil([&] { return (left = ChildProcesses()).empty(); }, std::chrono::seconds(5));

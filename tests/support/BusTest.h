@@ -13,8 +13,9 @@ namespace zv_client {
 namespace testing {
 
 // Each test gets a fresh zorvel-sim (started in SetUp, after the log capture)
-// and a control client for it; TearDown stops the sim and fails the test if
-// any child process is left. Override SimArguments to seed the sim.
+// and a control client for it; TearDown stops the sim (which must exit with
+// 0) and fails the test if any child process is left. Override SimArguments
+// to seed the sim.
 class BusTest : public ::testing::Test {
  protected:
   virtual SimOptions SimArguments() const { return {}; }

@@ -18,6 +18,11 @@
 
 #include <gtest/gtest.h>
 
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* address);
+extern "C" void __tsan_release(void* address);
+#endif
+
 namespace zv_client {
 namespace testing {
 namespace {
@@ -127,6 +132,22 @@ class BusEnvironment : public ::testing::Environment {
 
 }  // namespace
 
+void PublishToGLib(const void* handle) {
+#if defined(__SANITIZE_THREAD__)
+  __tsan_release(const_cast<void*>(handle));
+#else
+  (void)handle;
+#endif
+}
+
+void ReceiveFromGLib(const void* handle) {
+#if defined(__SANITIZE_THREAD__)
+  __tsan_acquire(const_cast<void*>(handle));
+#else
+  (void)handle;
+#endif
+}
+
 const std::string& BusAddress() { return PrivateBus::Get().address(); }
 
 pid_t BusDaemonPid() { return PrivateBus::Get().pid(); }
@@ -153,9 +174,11 @@ void RunOnMainLoop(const std::function<void()>& function) {
     bool finished = false;
   } job{&function, {}, {}, false};
   PrivateBus::Get();
+  PublishToGLib(&job);
   g_main_context_invoke(
       g_main_context_default(),
       [](gpointer data) -> gboolean {
+        ReceiveFromGLib(data);
         auto* pending = static_cast<Job*>(data);
         (*pending->function)();
         std::lock_guard<std::mutex> lock(pending->mutex);
@@ -177,9 +200,12 @@ struct MainLoopPause::State {
 
 MainLoopPause::MainLoopPause() : state_(std::make_shared<State>()) {
   PrivateBus::Get();
+  auto* handle = new std::shared_ptr<State>(state_);
+  PublishToGLib(handle);
   g_main_context_invoke_full(
       g_main_context_default(), G_PRIORITY_HIGH,
       [](gpointer data) -> gboolean {
+        ReceiveFromGLib(data);
         State& state = **static_cast<std::shared_ptr<State>*>(data);
         std::unique_lock<std::mutex> lock(state.mutex);
         state.parked = true;
@@ -187,7 +213,7 @@ MainLoopPause::MainLoopPause() : state_(std::make_shared<State>()) {
         state.changed.wait(lock, [&] { return state.resumed; });
         return G_SOURCE_REMOVE;
       },
-      new std::shared_ptr<State>(state_), [](gpointer data) { delete static_cast<std::shared_ptr<State>*>(data); });
+      handle, [](gpointer data) { delete static_cast<std::shared_ptr<State>*>(data); });
   std::unique_lock<std::mutex> lock(state_->mutex);
   state_->changed.wait(lock, [&] { return state_->parked; });
 }

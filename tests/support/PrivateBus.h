@@ -49,6 +49,13 @@ class MainLoopPause {
   std::shared_ptr<State> state_;
 };
 
+// ThreadSanitizer cannot see GLib's own locking (GLib is not instrumented),
+// so data handed to a callback that GLib runs on another thread looks
+// unordered to it. Call PublishToGLib(p) before handing `p` over and
+// ReceiveFromGLib(p) first thing in the callback; no-ops without TSan.
+void PublishToGLib(const void* handle);
+void ReceiveFromGLib(const void* handle);
+
 // Live or unreaped children of this process, the bus daemon excepted.
 std::vector<pid_t> ChildProcesses();
 

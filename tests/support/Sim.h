@@ -30,6 +30,8 @@ struct SimOptions {
 };
 
 // zorvel-sim as a child process. Quiet unless ZORVEL_TEST_SIM_VERBOSE is set.
+// The process dies with the thread that started it: start it from the test's
+// own thread, not from a short-lived helper thread.
 class SimProcess {
  public:
   explicit SimProcess(SimOptions options = {});  // starts it

@@ -268,9 +268,16 @@ void DBusClient::SignalHandler(GDBusConnection* /*connection*/, const char* /*se
   ZV_LOGI("END");
 }
 
-void* DBusClient::NewCallbackHandle() const { return new detail::CallbackHandle(anchor_); }
+void* DBusClient::NewCallbackHandle() const {
+  void* handle = new detail::CallbackHandle(anchor_);
+  detail::PublishHandle(handle);
+  return handle;
+}
 
-void DBusClient::FreeCallbackHandle(void* handle) { delete static_cast<detail::CallbackHandle*>(handle); }
+void DBusClient::FreeCallbackHandle(void* handle) {
+  detail::ReceiveHandle(handle);
+  delete static_cast<detail::CallbackHandle*>(handle);
+}
 
 void DBusClient::DetachCallbacks() {
   std::lock_guard<std::recursive_mutex> lock(anchor_->mutex);
