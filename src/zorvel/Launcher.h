@@ -23,8 +23,10 @@
 //   command is held and sent when it comes back. Stop and StopBroadcast call
 //   the daemon directly, wait for its answer (StopBroadcast up to 500 ms) and
 //   fail at once when the daemon is not ready.
-//   The same command twice in a row is sent once: a repeat of the command sent
-//   just before, or of a command already held, is dropped.
+//   Commands are sent in the order they were issued (from several threads:
+//   in the order the calls returned). The same command twice in a row is
+//   sent once: a repeat of the command sent just before, or of a command
+//   already held, is dropped.
 //
 // Across a daemon restart
 //   Commands held while the daemon is away are sent at most once, oldest
@@ -32,6 +34,9 @@
 //   already sent when the daemon vanished is not sent again. StopBroadcast and
 //   the daemon's "closing" event discard the commands held at that moment, and
 //   until the daemon's name passes to a new owner new commands are held.
+//   When the daemon goes away while no command is held, the library does not
+//   look for it again until the next command: an application that only
+//   listens for events issues a command (e.g. StartBroadcast) to get them back.
 //
 // Callbacks
 //   - Instance found (id, name): for each instance the daemon reports during a

@@ -91,6 +91,14 @@ DBusClientAsync::~DBusClientAsync() {
   {
     std::lock_guard<std::mutex> lock(poolMutex_);
     DiscardPool();
+    {
+      std::lock_guard<std::mutex> intakeLock(intakeMutex_);
+      for (CommandData& command : intake_) {  // only if a command thread died before taking its command
+        if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
+        ++counts_.discarded;
+      }
+      intake_.clear();
+    }
     pendingDeliveries_.clear();
     if (lastReply_ != nullptr) g_variant_unref(std::exchange(lastReply_, nullptr));
   }
@@ -144,7 +152,10 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
     return false;
   }
 
-  CommandData command{{method, params, result, timeout}, entry->second};
+  // The caller's `result` is never written: the command runs later, with the
+  // reply going to lastReply_.
+  (void)result;
+  CommandData command{{method, params, nullptr, timeout}, entry->second};
   std::shared_ptr<CommandGate> gate = gate_;
   {
     std::lock_guard<std::mutex> lock(gate->mutex);
@@ -152,15 +163,25 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
   }
   ++counts_.accepted;
   try {
-    std::thread([this, command = std::move(command), gate]() mutable {
-      command.parameters.result = nullptr;
-      ExecuteCommand(command);
-      // The last touch of this object's memory is through `gate`, which the
-      // thread co-owns: the destructor may run as soon as the count drops.
-      std::lock_guard<std::mutex> lock(gate->mutex);
-      --gate->inFlight;
-      gate->idle.notify_all();
-    }).detach();
+    // Each command gets a thread of its own, but a thread runs the oldest
+    // command not yet taken rather than "its" command, so that commands enter
+    // the layer in the order they were accepted, not in the order in which
+    // their threads happen to get the pool lock.
+    std::lock_guard<std::mutex> intakeLock(intakeMutex_);
+    intake_.push_back(std::move(command));
+    try {
+      std::thread([this, gate] {
+        ExecuteNext();
+        // The last touch of this object's memory is through `gate`, which the
+        // thread co-owns: the destructor may run as soon as the count drops.
+        std::lock_guard<std::mutex> lock(gate->mutex);
+        --gate->inFlight;
+        gate->idle.notify_all();
+      }).detach();
+    } catch (...) {
+      intake_.pop_back();
+      throw;
+    }
   } catch (...) {
     {
       std::lock_guard<std::mutex> lock(gate->mutex);
@@ -174,12 +195,25 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
   return true;
 }
 
-int DBusClientAsync::ExecuteCommand(const CommandData& command) {
-  const std::string& method = command.parameters.method;
-  ParamsRef params(command.parameters.params);
+int DBusClientAsync::ExecuteCommand(const CommandData& command) { return Execute(&command); }
+
+int DBusClientAsync::ExecuteNext() { return Execute(nullptr); }
+
+int DBusClientAsync::Execute(const CommandData* given) {
+  CommandData next;
+  const CommandData* command = given;
+  ParamsRef params(nullptr);
   bool accounted = false;  // whether the command already counts as ran, dropped, pooled or discarded
   try {
     std::unique_lock<std::mutex> lock(poolMutex_);
+    if (command == nullptr) {  // taken under poolMutex_, so the intake order is the execution order
+      std::lock_guard<std::mutex> intakeLock(intakeMutex_);
+      next = std::move(intake_.front());
+      intake_.pop_front();
+      command = &next;
+    }
+    params.params = command->parameters.params;
+    const std::string& method = command->parameters.method;
     if (closing_) {
       ++counts_.discarded;
       accounted = true;
@@ -199,7 +233,7 @@ int DBusClientAsync::ExecuteCommand(const CommandData& command) {
       ZV_LOGI("Ipc is ready - make call");
       ++counts_.ranAtOnce;
       accounted = true;
-      if (!RunFunction(command)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
+      if (!RunFunction(*command)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
       params.reset();
     } else {
       activeCommand_.clear();
@@ -220,7 +254,7 @@ int DBusClientAsync::ExecuteCommand(const CommandData& command) {
         ZV_LOGI("Ipc isn't connected - make restore");
         RestoreConnection();
       }
-      CommandData pooled = command;
+      CommandData pooled = *command;
       pooled.parameters.result = nullptr;
       if (pooled.parameters.params != nullptr && g_variant_is_floating(pooled.parameters.params)) {
         g_variant_ref_sink(pooled.parameters.params);
@@ -242,7 +276,7 @@ int DBusClientAsync::ExecuteCommand(const CommandData& command) {
     ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
     return -1;
   }
-  ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", method.c_str());
+  ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", command->parameters.method.c_str());
   return 0;
 }
 

@@ -22,15 +22,15 @@ namespace dbus {
 namespace client {
 
 // The command layer. Call never waits for D-Bus: each accepted command runs on
-// a detached thread of its own; while the daemon is not ready, commands are
-// held in a pool and replayed, oldest first and at most once, when the
-// daemon's bus name gets a new owner. A lost link is restored in the
+// a detached thread of its own, in the order the commands were accepted; while
+// the daemon is not ready, commands are held in a pool and replayed, oldest
+// first and at most once, when the daemon's bus name gets a new owner. A lost link is restored in the
 // background by a 500 ms retry timer on the default main context.
 //
 // Lock order (outermost first), extending DBusClient's:
 //   callback anchor (main-loop callbacks) -> signal mutex (a handler that calls
 //   Disconnect) -> poolMutex_ -> timerMutex_ | restoreMutex | connectionMutex_.
-// deliveryMutex_ and the command gate's mutex are leaves, never held while
+// intakeMutex_, deliveryMutex_ and the command gate's mutex are leaves, never held while
 // anything else is taken or any callback runs.
 //
 // How the hazards of this layer are closed:
@@ -95,6 +95,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   // reference to `params` in every case. Never writes `result`.
   bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout) override;
 
+  // Runs or pools `command`, whose params reference this layer owns.
   int ExecuteCommand(const CommandData& command);
   void RestoreConnection();
   void ResetTimer(bool remove);
@@ -120,6 +121,9 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     DBusClientAsync* client;
     void operator()(bool isReady) const;
   };
+  // What each command thread runs: the oldest accepted command not yet taken.
+  int ExecuteNext();
+  int Execute(const CommandData* given);  // null: the oldest of intake_
   // Runs the command's function; poolMutex_ held.
   bool RunFunction(const CommandData& command);
   // Takes the queued deliveries and their turn in `ticket`; poolMutex_ held.
@@ -141,6 +145,8 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   std::mutex timerMutex_;
   std::string activeCommand_;  // guarded by poolMutex_
 
+  std::mutex intakeMutex_;             // leaf; taken under poolMutex_ by command threads
+  std::deque<CommandData> intake_;     // accepted, not yet taken by a thread; guarded by intakeMutex_
   std::atomic<bool> draining_{false};     // set first in the destructor: nothing new is pooled
   std::atomic<bool> closing_{false};      // set after the grace period: nothing new runs
   Batch pendingDeliveries_;               // guarded by poolMutex_
