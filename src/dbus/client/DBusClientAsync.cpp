@@ -260,6 +260,7 @@ int DBusClientAsync::Execute(const CommandData* given) {
         g_variant_ref_sink(pooled.parameters.params);
       }
       commandPool_.push_back(std::move(pooled));
+      held_ = commandPool_.size();
       params.release();  // the pool holds the reference now
       ++counts_.pooled;
       accounted = true;
@@ -345,6 +346,7 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
     }
     if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
     self.commandPool_.pop_front();
+    self.held_ = self.commandPool_.size();
     ZV_LOGI_THD("IpcReady command[%s] FINISHED", command.parameters.method.c_str());
   }
 
@@ -360,6 +362,7 @@ void DBusClientAsync::DiscardPool() {
     ++counts_.discarded;
   }
   commandPool_.clear();
+  held_ = 0;
 }
 
 bool DBusClientAsync::Connect() {
@@ -464,10 +467,7 @@ DBusClientAsync::Counts DBusClientAsync::GetCounts() {
     std::lock_guard<std::mutex> lock(gate_->mutex);
     counts.inFlight = gate_->inFlight;
   }
-  {
-    std::lock_guard<std::mutex> lock(poolMutex_);
-    counts.held = commandPool_.size();
-  }
+  counts.held = held_;
   counts.accepted = counts_.accepted;
   counts.ranAtOnce = counts_.ranAtOnce;
   counts.replayed = counts_.replayed;

@@ -65,8 +65,8 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     std::function<bool(const Parameters&)> function;
   };
 
-  // Where accepted commands ended; for tests and diagnostics. Once no command
-  // is in flight, accepted == ranAtOnce + replayed + droppedDuplicate +
+  // Where accepted commands ended; for tests and diagnostics (never waits for
+  // a command that is running). Once no command is in flight, accepted == ranAtOnce + replayed + droppedDuplicate +
   // discarded + failed + held.
   struct Counts {
     std::uint64_t accepted = 0;
@@ -161,6 +161,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
         discarded{0}, failed{0};
   };
   AtomicCounts counts_;
+  std::atomic<std::uint64_t> held_{0};  // commandPool_.size(), readable without poolMutex_
 };
 
 }  // namespace client
