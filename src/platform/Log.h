@@ -27,7 +27,7 @@ constexpr std::size_t BasenameOffset(const char* path) {
 }  // namespace zv_client
 
 #define ZV_LOG_FILE_ \
-  (__FILE__ + std::integral_constant<std::size_t, ::zv_client::platform::detail::BasenameOffset(__FILE__)>::value)
+  (&__FILE__[std::integral_constant<std::size_t, ::zv_client::platform::detail::BasenameOffset(__FILE__)>::value])
 
 #define ZV_LOG_(buffer, priority, fmt, ...)                                                  \
   ::zv_client::platform::LogPrint(::zv_client::platform::LogBuffer::buffer,                \
