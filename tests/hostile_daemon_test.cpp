@@ -64,6 +64,7 @@ class HostileDaemon : public BusTest {
  protected:
   void SetUp() override {
     BusTest::SetUp();
+    control().SetInstances({});  // a broadcast announces nothing: every onFound here is the test's own
     recorder_.Attach(launcher_);
     ASSERT_EQ(launcher_.Init(), 0);
     ASSERT_TRUE(logs().WaitFor("IpcReady [1]")) << "the library never became ready";

@@ -440,6 +440,7 @@ void DBusClientAsync::Reconnect() {
   std::lock_guard<std::mutex> lock(poolMutex_);
   DBusClient::Disconnect();
   Connect();
+  reconnectArmed_ = true;
   ZV_LOGI("Reconnect end");
 }
 
@@ -451,8 +452,14 @@ void DBusClientAsync::RestoreConnection() {
     if (reconnectFuture_.valid() &&
         reconnectFuture_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
       ZV_LOGI("Reconnecting is still running. Return");
+      // The running task may be past its Reconnect, and the retry timer it
+      // armed may just have been removed by a lost-connection report; with
+      // nothing left to retry, held commands would wait for a command of
+      // another name. Arm it again, as the task did (a no-op if armed).
+      if (reconnectArmed_) Connect();
       return;
     }
+    reconnectArmed_ = false;
     reconnectFuture_ = std::async(std::launch::async, [this] {
       Reconnect();
       return true;

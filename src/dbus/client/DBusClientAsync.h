@@ -29,7 +29,8 @@ namespace client {
 //
 // Lock order (outermost first), extending DBusClient's:
 //   callback anchor (main-loop callbacks) -> signal mutex (a handler that calls
-//   Disconnect) -> poolMutex_ -> timerMutex_ | restoreMutex | connectionMutex_.
+//   Disconnect) -> poolMutex_ -> restoreMutex -> timerMutex_, and
+//   poolMutex_ -> connectionMutex_.
 // intakeMutex_, deliveryMutex_ and the command gate's mutex are leaves, never held while
 // anything else is taken or any callback runs.
 //
@@ -141,6 +142,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   guint connectTimerId_ = 0;             // guarded by timerMutex_
   GSource* connectTimerSource_ = nullptr;  // owned ref to the armed timer; guarded by timerMutex_
   std::future<bool> reconnectFuture_;    // guarded by the process-wide restore mutex
+  std::atomic<bool> reconnectArmed_{false};  // the last task's Reconnect has armed the timer; under poolMutex_
   std::atomic<bool> ready_{false};       // written under poolMutex_
   std::mutex timerMutex_;
   std::string activeCommand_;  // guarded by poolMutex_

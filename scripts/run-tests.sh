@@ -1,0 +1,134 @@
+#!/usr/bin/env bash
+# Builds libzorvel and runs its whole test suite in three configurations
+# (CMakePresets.json): plain RelWithDebInfo, ASan+UBSan and TSan, each in
+# build/<name>. Every configuration runs even when an earlier one failed; the
+# exit status is non-zero when any of them (or the fuzz smoke run) failed.
+#
+#   scripts/run-tests.sh [plain] [asan] [tsan] [-- <extra ctest arguments>]
+#
+# ZORVEL_TEST_JOBS   tests run at once (default 4: most of them wait on the bus)
+# ZORVEL_BUILD_JOBS  compile jobs (default: the number of cores)
+set -uo pipefail
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+configs=()
+ctest_extra=()
+while (($# > 0)); do
+  case "$1" in
+    plain | asan | tsan) configs+=("$1") ;;
+    --)
+      shift
+      ctest_extra=("$@")
+      break
+      ;;
+    -h | --help)
+      sed -n '2,/^set -uo/p' "$0" | sed '$d; s/^# \{0,1\}//'
+      exit 0
+      ;;
+    *)
+      echo "run-tests: unknown argument '$1' (try --help)" >&2
+      exit 2
+      ;;
+  esac
+  shift
+done
+((${#configs[@]} > 0)) || configs=(plain asan tsan)
+
+test_jobs=${ZORVEL_TEST_JOBS:-4}
+build_jobs=${ZORVEL_BUILD_JOBS:-$(nproc)}
+
+scripts/setup-deps.sh || {
+  echo "run-tests: installing the dependencies failed" >&2
+  exit 1
+}
+
+# Older ThreadSanitizer runtimes cannot map their shadow memory under every
+# kernel's address layout; running without address randomisation avoids that.
+tsan_runner=()
+if setarch "$(uname -m)" -R true >/dev/null 2>&1; then
+  tsan_runner=(setarch "$(uname -m)" -R)
+fi
+
+declare -A result passed total elapsed
+failures=0
+sum_passed=0
+sum_failed=0
+
+run_config() {
+  local config=$1
+  local dir=build/${config}
+  passed[${config}]=0
+  total[${config}]=0
+
+  echo
+  echo "=== ${config}: configure"
+  mkdir -p "${dir}"
+  if ! cmake --preset "${config}" >"${dir}/configure.log" 2>&1; then
+    cat "${dir}/configure.log"
+    result[${config}]="configure failed"
+    return 1
+  fi
+
+  echo "=== ${config}: build (-j${build_jobs})"
+  if ! cmake --build --preset "${config}" -j "${build_jobs}"; then
+    result[${config}]="build failed"
+    return 1
+  fi
+
+  echo "=== ${config}: test (-j${test_jobs})"
+  local runner=()
+  [[ ${config} == tsan ]] && runner=("${tsan_runner[@]}")
+  "${runner[@]}" ctest --preset "${config}" -j "${test_jobs}" "${ctest_extra[@]}" 2>&1 | tee "${dir}/ctest.log"
+  local status=${PIPESTATUS[0]}
+
+  local counts
+  counts=$(grep -Eo '[0-9]+ tests failed out of [0-9]+' "${dir}/ctest.log" | tail -n 1)
+  if [[ ${counts} =~ ^([0-9]+)\ tests\ failed\ out\ of\ ([0-9]+)$ ]]; then
+    total[${config}]=${BASH_REMATCH[2]}
+    passed[${config}]=$((BASH_REMATCH[2] - BASH_REMATCH[1]))
+  fi
+  if ((status != 0)); then
+    result[${config}]="FAILED"
+    return 1
+  fi
+  result[${config}]="ok"
+}
+
+for config in "${configs[@]}"; do
+  start=${SECONDS}
+  run_config "${config}" || failures=$((failures + 1))
+  elapsed[${config}]=$((SECONDS - start))
+  sum_passed=$((sum_passed + passed[${config}]))
+  sum_failed=$((sum_failed + total[${config}] - passed[${config}]))
+done
+
+# --- Fuzz smoke tests --------------------------------------------------------
+# scripts/fuzz-smoke.sh builds the fuzz/ targets with clang and runs each one
+# briefly on its corpus; skipped when clang or the script is not there.
+fuzz_result="skipped"
+fuzz_elapsed=0
+if [[ -x scripts/fuzz-smoke.sh ]] && command -v clang++ >/dev/null 2>&1; then
+  echo
+  echo "=== fuzz: smoke"
+  start=${SECONDS}
+  if scripts/fuzz-smoke.sh; then
+    fuzz_result="ok"
+  else
+    fuzz_result="FAILED"
+    failures=$((failures + 1))
+  fi
+  fuzz_elapsed=$((SECONDS - start))
+fi
+
+echo
+echo "=== summary"
+printf '%-14s %-18s %10s %8s\n' configuration result passed time
+for config in "${configs[@]}"; do
+  printf '%-14s %-18s %10s %7ss\n' "${config}" "${result[${config}]}" \
+    "${passed[${config}]}/${total[${config}]}" "${elapsed[${config}]}"
+done
+printf '%-14s %-18s %10s %7ss\n' fuzz "${fuzz_result}" - "${fuzz_elapsed}"
+echo "total: ${sum_passed} passed, ${sum_failed} failed"
+
+((failures == 0))
