@@ -54,20 +54,31 @@ export G_SLICE=always-malloc
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
+# One target per core at a time: each run is bounded by its own clock.
+parallel=${ZORVEL_FUZZ_JOBS:-$(nproc)}
+run_target() {
+  local target=$1 corpus=$work/$1 status=0
+  mkdir -p "$corpus" "$build/artifacts/$target"
+  cp -R "$root/fuzz/corpus/$target/." "$corpus/"
+  # Inputs that once crashed are loaded as a second, read-only corpus.
+  local regressions=()
+  [[ -d $root/fuzz/regressions/$target ]] && regressions=("$root/fuzz/regressions/$target")
+  "$build/fuzz/$target" -max_total_time="$seconds" -timeout=5 -rss_limit_mb=2048 \
+    -print_final_stats=1 -dict="$root/fuzz/gvariant.dict" -artifact_prefix="$build/artifacts/$target/" \
+    "$corpus" "${regressions[@]}" >"$work/$target.log" 2>&1 || status=$?
+  echo "$status" >"$work/$target.status"
+}
+for target in "${targets[@]}"; do
+  while (($(jobs -rp | wc -l) >= parallel)); do wait -n || true; done
+  run_target "$target" &
+done
+wait
+
 passed=0
 failed=0
 for target in "${targets[@]}"; do
-  corpus=$work/$target
-  mkdir -p "$corpus" "$build/artifacts/$target"
-  cp -R "$root/fuzz/corpus/$target/." "$corpus/"
   log=$work/$target.log
-  # Inputs that once crashed are loaded as a second, read-only corpus.
-  regressions=()
-  [[ -d $root/fuzz/regressions/$target ]] && regressions=("$root/fuzz/regressions/$target")
-  status=0
-  "$build/fuzz/$target" -max_total_time="$seconds" -timeout=5 -rss_limit_mb=2048 \
-    -print_final_stats=1 -dict="$root/fuzz/gvariant.dict" -artifact_prefix="$build/artifacts/$target/" "$corpus" "${regressions[@]}" >"$log" 2>&1 || status=$?
-
+  status=$(cat "$work/$target.status" 2>/dev/null || echo 1)
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
   speed=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log" | tail -n 1)
   done_line=$(grep -E '^#[0-9]+[[:space:]]+DONE' "$log" | tail -n 1 || true)
