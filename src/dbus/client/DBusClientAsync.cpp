@@ -95,7 +95,7 @@ DBusClientAsync::~DBusClientAsync() {
       std::lock_guard<std::mutex> intakeLock(intakeMutex_);
       for (CommandData& command : intake_) {  // only if a command thread died before taking its command
         if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
-        ++counts_.discarded;
+        Tally(&Counts::discarded);
       }
       intake_.clear();
     }
@@ -161,7 +161,7 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
     std::lock_guard<std::mutex> lock(gate->mutex);
     ++gate->inFlight;
   }
-  ++counts_.accepted;
+  Tally(&Counts::accepted);
   try {
     // Each command gets a thread of its own, but a thread runs the oldest
     // command not yet taken rather than "its" command, so that commands enter
@@ -188,18 +188,19 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
       --gate->inFlight;
       gate->idle.notify_all();
     }
-    --counts_.accepted;
+    Tally(&Counts::accepted, -1);
     if (params != nullptr) g_variant_unref(params);
     throw;
   }
   return true;
 }
 
-int DBusClientAsync::ExecuteCommand(const CommandData& command) { return Execute(&command); }
+int DBusClientAsync::ExecuteCommand(const CommandData& command) { return ExecuteCommand(&command); }
 
-int DBusClientAsync::ExecuteNext() { return Execute(nullptr); }
+int DBusClientAsync::ExecuteNext() { return ExecuteCommand(nullptr); }
 
-int DBusClientAsync::Execute(const CommandData* given) {
+// Named like the public overload: its log lines carry the function name.
+int DBusClientAsync::ExecuteCommand(const CommandData* given) {
   CommandData next;
   const CommandData* command = given;
   ParamsRef params(nullptr);
@@ -215,7 +216,7 @@ int DBusClientAsync::Execute(const CommandData* given) {
     params.params = command->parameters.params;
     const std::string& method = command->parameters.method;
     if (closing_) {
-      ++counts_.discarded;
+      Tally(&Counts::discarded);
       accounted = true;
       return 0;
     }
@@ -225,13 +226,13 @@ int DBusClientAsync::Execute(const CommandData* given) {
     if (ready_ && commandPool_.empty()) {
       if (activeCommand_ == method) {
         ZV_LOGI_MAIN("Duplicate command in active %s", method.c_str());
-        ++counts_.droppedDuplicate;
+        Tally(&Counts::droppedDuplicate);
         accounted = true;
         return 0;
       }
       activeCommand_ = method;
       ZV_LOGI("Ipc is ready - make call");
-      ++counts_.ranAtOnce;
+      Tally(&Counts::ranAtOnce);
       accounted = true;
       if (!RunFunction(*command)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
       params.reset();
@@ -241,12 +242,12 @@ int DBusClientAsync::Execute(const CommandData* given) {
                                     [&](const CommandData& pooled) { return pooled.parameters.method == method; });
       if (held) {
         ZV_LOGI_MAIN("Duplicate command in pool %s", method.c_str());
-        ++counts_.droppedDuplicate;
+        Tally(&Counts::droppedDuplicate);
         accounted = true;
         return 0;
       }
       if (draining_) {  // teardown would discard it anyway
-        ++counts_.discarded;
+        Tally(&Counts::discarded);
         accounted = true;
         return 0;
       }
@@ -260,9 +261,8 @@ int DBusClientAsync::Execute(const CommandData* given) {
         g_variant_ref_sink(pooled.parameters.params);
       }
       commandPool_.push_back(std::move(pooled));
-      held_ = commandPool_.size();
       params.release();  // the pool holds the reference now
-      ++counts_.pooled;
+      Tally(&Counts::pooled, 1, commandPool_.size());
       accounted = true;
       ZV_LOGI_THD("Ipc isn't ready, move command[%s] into pool[%zu], isConnectionLost[%d]", method.c_str(),
                   commandPool_.size(), ready_ ? 1 : 0);
@@ -273,7 +273,7 @@ int DBusClientAsync::Execute(const CommandData* given) {
     lock.unlock();
     Deliver(std::move(batch), ticket);
   } catch (const std::exception&) {
-    if (!accounted) ++counts_.failed;
+    if (!accounted) Tally(&Counts::failed);
     ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
     return -1;
   }
@@ -338,7 +338,7 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
   while (!self.commandPool_.empty() && !self.closing_) {
     const CommandData command = self.commandPool_.front();
     ZV_LOGI_THD("IpcReady command[%s] STARTED", command.parameters.method.c_str());
-    ++self.counts_.replayed;
+    self.Tally(&Counts::replayed, 1, self.commandPool_.size() - 1);
     try {
       self.RunFunction(command);
     } catch (const std::exception&) {
@@ -346,7 +346,6 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
     }
     if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
     self.commandPool_.pop_front();
-    self.held_ = self.commandPool_.size();
     ZV_LOGI_THD("IpcReady command[%s] FINISHED", command.parameters.method.c_str());
   }
 
@@ -359,10 +358,9 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
 void DBusClientAsync::DiscardPool() {
   for (CommandData& command : commandPool_) {
     if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
-    ++counts_.discarded;
   }
+  Tally(&Counts::discarded, static_cast<int>(commandPool_.size()), 0);
   commandPool_.clear();
-  held_ = 0;
 }
 
 bool DBusClientAsync::Connect() {
@@ -468,20 +466,20 @@ void DBusClientAsync::RestoreConnection() {
   ZV_LOGI("RestoreConnection end");
 }
 
+void DBusClientAsync::Tally(std::uint64_t Counts::*field, int delta, std::size_t held) {
+  std::lock_guard<std::mutex> lock(countsMutex_);
+  counts_.*field += static_cast<std::uint64_t>(static_cast<std::int64_t>(delta));
+  if (held != kHeldUnchanged) counts_.held = held;
+}
+
 DBusClientAsync::Counts DBusClientAsync::GetCounts() {
   Counts counts;
   {
-    std::lock_guard<std::mutex> lock(gate_->mutex);
-    counts.inFlight = gate_->inFlight;
+    std::lock_guard<std::mutex> lock(countsMutex_);
+    counts = counts_;
   }
-  counts.held = held_;
-  counts.accepted = counts_.accepted;
-  counts.ranAtOnce = counts_.ranAtOnce;
-  counts.replayed = counts_.replayed;
-  counts.droppedDuplicate = counts_.droppedDuplicate;
-  counts.discarded = counts_.discarded;
-  counts.failed = counts_.failed;
-  counts.pooled = counts_.pooled;
+  std::lock_guard<std::mutex> lock(gate_->mutex);
+  counts.inFlight = gate_->inFlight;
   return counts;
 }
 

@@ -124,7 +124,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   };
   // What each command thread runs: the oldest accepted command not yet taken.
   int ExecuteNext();
-  int Execute(const CommandData* given);  // null: the oldest of intake_
+  int ExecuteCommand(const CommandData* given);  // null: the oldest of intake_
   // Runs the command's function; poolMutex_ held.
   bool RunFunction(const CommandData& command);
   // Takes the queued deliveries and their turn in `ticket`; poolMutex_ held.
@@ -158,12 +158,12 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   std::uint64_t servingDeliveryTicket_ = 0;  // guarded by deliveryMutex_
   std::shared_ptr<CommandGate> gate_;
 
-  struct AtomicCounts {
-    std::atomic<std::uint64_t> accepted{0}, ranAtOnce{0}, pooled{0}, replayed{0}, droppedDuplicate{0},
-        discarded{0}, failed{0};
-  };
-  AtomicCounts counts_;
-  std::atomic<std::uint64_t> held_{0};  // commandPool_.size(), readable without poolMutex_
+  // Adds `delta` to one count and, unless kHeldUnchanged, records the pool
+  // size, in one step, so that a snapshot always adds up.
+  static constexpr std::size_t kHeldUnchanged = static_cast<std::size_t>(-1);
+  void Tally(std::uint64_t Counts::*field, int delta = 1, std::size_t held = kHeldUnchanged);
+  std::mutex countsMutex_;  // leaf
+  Counts counts_;           // guarded by countsMutex_ (inFlight unused: the gate has it)
 };
 
 }  // namespace client
