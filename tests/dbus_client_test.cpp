@@ -1,261 +1,176 @@
-// DBusClient against a real bus and zorvel-sim: connecting, following the
-// daemon's owner across restarts, synchronous calls, teardown.
+// DBusClient against a real bus and zorvel-sim: connecting, following the daemon's owner, calls,
+// teardown, and signal dispatch (which handler runs, with what, on which thread, never two at once).
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include <common/GLibUtils.h>
 #include <dbus/client/DBusClient.h>
 #include <dbus/client/ServiceContract.h>
 
 #include "support/BusTest.h"
 #include "support/VariantProbe.h"
 
-namespace zv_client {
-namespace testing {
+namespace zv_client::testing {
 namespace {
 
-using dbus::client::DBusClient;
-using dbus::client::kBusName;
+using namespace dbus::client;
 
-// What a client's ready callback was told, in order; it runs on the loop thread.
-class ReadyLog {
- public:
-  std::function<void(bool)> Callback() {
-    return [this](bool ready) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      events_.push_back(ready);
-    };
+// What a client's ready callback was told, in order ("TFT"); it runs on the loop thread.
+struct ReadyLog {
+  std::mutex mutex;
+  std::string events;  // guarded by mutex
+  void Watch(DBusClient& client) {
+    client.SetIpcReadyCallback([this](bool ready) {
+      std::lock_guard<std::mutex> lock(mutex);
+      events += ready ? 'T' : 'F';
+    });
   }
-  std::vector<bool> Events() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
+  bool WaitFor(const std::string& expected) {
+    std::string seen;
+    const bool reached = WaitUntil([&] {
+      std::lock_guard<std::mutex> lock(mutex);
+      return (seen = events) == expected;
+    });
+    EXPECT_TRUE(reached) << seen;
+    return reached;
   }
-  bool WaitFor(const std::vector<bool>& expected) const {
-    return WaitUntil([&] { return Events() == expected; });
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<bool> events_;
 };
 
-std::string Text(const std::vector<bool>& events) {
-  std::string text;
-  for (const bool event : events) text += event ? "T" : "F";
-  return text;
-}
+// An "onFound" body whose number tells the signals apart.
+GVariant* Found(guint16 marker) { return g_variant_new("(^ayq)", "S2l0Y2hlbg==", marker); }
 
-gint32 IntReply(GVariant* reply) {
-  gint32 value = -12345;
-  if (reply != nullptr && g_variant_is_of_type(reply, G_VARIANT_TYPE("(i)"))) g_variant_get(reply, "(i)", &value);
-  return value;
-}
-
+// Tests declare their clients after everything the handlers touch.
 class DBusClientTest : public BusTest {
  protected:
-  // Connects `client` and waits until its watcher has reported the owner.
-  void ConnectReady(DBusClient& client, ReadyLog& ready, const std::vector<bool>& expected = {true}) {
+  // Connects `client` and waits until its watcher reported the owner (so the subscription is in place).
+  void ConnectReady(DBusClient& client, ReadyLog& ready, const std::string& expected = "T") {
+    ready.Watch(client);
     ASSERT_TRUE(client.Connect()) << logs().Dump();
-    ASSERT_TRUE(ready.WaitFor(expected)) << Text(ready.Events());
+    ASSERT_TRUE(ready.WaitFor(expected));
   }
-
-  // One "init" through `client`; true when it reached the sim and answered 0.
-  bool InitWorks(DBusClient& client) {
+  // One "init" through `client`; true when it reached the sim and was answered with 0.
+  static bool InitWorks(DBusClient& client) {
     GVariant* reply = nullptr;
-    const bool called = client.Call(dbus::client::kMethodInit, nullptr, &reply, -1);
-    common::GVariantPtr owned(reply);
-    return called && IntReply(reply) == 0;
+    const bool called = client.Call(kMethodInit, nullptr, &reply, -1);
+    const common::GVariantPtr owned(reply);
+    return called && reply != nullptr && common::GCharPtr(g_variant_print(reply, FALSE)).get() == std::string("(0,)");
   }
+  ReadyLog ready_;
 };
 
-TEST_F(DBusClientTest, ConnectsToARunningDaemonButCallsOnlyOnceTheWatcherReported) {
-  ReadyLog ready;
+TEST_F(DBusClientTest, CallsOnlyOnceTheWatcherReportedAndFollowsTheOwnerThroughARestart) {
   DBusClient client;
-  client.SetIpcReadyCallback(ready.Callback());
+  ready_.Watch(client);
   const std::string owner = NameOwner(kBusName);
-  GVariant* untouched = reinterpret_cast<GVariant*>(&ready);
+  GVariant* untouched = reinterpret_cast<GVariant*>(&ready_);
   GVariant* reply = untouched;
   {
-    // Nothing is dispatched from the main context meanwhile, so the watcher
-    // cannot have reported yet.
-    MainLoopPause pause;
+    MainLoopPause pause;  // the watcher cannot have reported meanwhile
     ASSERT_TRUE(client.Connect());
     EXPECT_TRUE(client.IsConnected());
-    EXPECT_FALSE(client.Call(dbus::client::kMethodInit, nullptr, &reply, -1));
+    EXPECT_FALSE(client.Call(kMethodInit, nullptr, &reply, -1));
     EXPECT_EQ(reply, untouched) << "a refused call wrote the result slot";
     EXPECT_EQ(logs().Count("Dbus is nor ready yet [0][0]"), 1u) << logs().Dump();
     EXPECT_TRUE(logs().Contains("Old nameOwner(), new nameOwner (" + owner + ")"));
-    // Connected already: returns at once, no second proxy.
-    EXPECT_TRUE(client.Connect());
+    EXPECT_TRUE(client.Connect());  // connected already: no second proxy
     EXPECT_EQ(logs().Count("Old nameOwner("), 1u);
   }
-  ASSERT_TRUE(ready.WaitFor({true})) << Text(ready.Events());
+  ASSERT_TRUE(ready_.WaitFor("T"));
   EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + owner + "], old one was []"));
   EXPECT_TRUE(InitWorks(client)) << logs().Dump();
-  const std::vector<SimCall> calls = control().CallsOf(dbus::client::kMethodInit);
-  ASSERT_EQ(calls.size(), 1u) << "the refused call must not reach the daemon";
-  EXPECT_EQ(calls[0].sender,
-            g_dbus_connection_get_unique_name(
-                common::GObjectPtr<GDBusConnection>(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr)).get()));
-}
-
-TEST_F(DBusClientTest, ConnectFailsWhileTheNameHasNoOwnerAndSucceedsOnceItHasOne) {
-  ReadyLog ready;
-  DBusClient client;
-  client.SetIpcReadyCallback(ready.Callback());
-  control().ReleaseName();
-  ASSERT_TRUE(NameOwner(kBusName).empty());
-
-  EXPECT_FALSE(client.Connect());
-  EXPECT_FALSE(client.IsConnected());
-  EXPECT_TRUE(logs().Contains(
-      "Connection failed: got empty nameOwner? [1] connected to service which terminates? [0]"))
-      << logs().Dump();
-  EXPECT_FALSE(client.Call(dbus::client::kMethodInit, nullptr, nullptr, -1));
-  EXPECT_TRUE(logs().Contains("Dbus is nor ready yet [1][0]")) << "the proxy was kept";
-
-  const std::string owner = control().AcquireName();
-  ConnectReady(client, ready);
-  EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + owner + "]"));
-  EXPECT_TRUE(InitWorks(client));
-}
-
-TEST_F(DBusClientTest, RefusesTheRememberedOwnerAndKeepsHandlersAcrossReconnection) {
-  ReadyLog ready;
-  std::atomic<int> received{0};
-  DBusClient client;
-  client.SetIpcReadyCallback(ready.Callback());
-  client.SetSignalCallback(dbus::client::kSignalOnServiceShutdown, [&](GVariant*) { ++received; });
-  ConnectReady(client, ready);
-  control().Emit(dbus::client::kSignalOnServiceShutdown, g_variant_new("(i)", 1));
-  ASSERT_TRUE(WaitUntil([&] { return received == 1; }));
-
-  EXPECT_TRUE(client.Disconnect());
-  EXPECT_FALSE(client.IsConnected());
-  client.StopBusWatcher();
-  EXPECT_FALSE(client.Connect());
-  EXPECT_TRUE(logs().Contains(
-      "Connection failed: got empty nameOwner? [0] connected to service which terminates? [1]"))
-      << logs().Dump();
-
-  // A watcher that reports the remembered owner changes nothing.
-  client.LaunchBusWatcher();
-  EXPECT_TRUE(logs().WaitFor("Connected to old name owner, which terminates"));
-  EXPECT_FALSE(client.Call(dbus::client::kMethodInit, nullptr, nullptr, -1));
-  EXPECT_TRUE(logs().Contains("Dbus is nor ready yet [1][0]"));
-  client.StopBusWatcher();
-  // Not connected: this one must not reach the handler.
-  control().Emit(dbus::client::kSignalOnServiceShutdown, g_variant_new("(i)", 2));
-
-  const std::string owner = control().Restart();
-  ConnectReady(client, ready, {true, true});
-  EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + owner + "]"));
-  EXPECT_TRUE(InitWorks(client));
-  control().Emit(dbus::client::kSignalOnServiceShutdown, g_variant_new("(i)", 3));
-  EXPECT_TRUE(WaitUntil([&] { return received == 2; }));
-  EXPECT_EQ(logs().Count("[Zorvel] Got Signal from zorvel daemon onServiceShutdown"), 2u) << logs().Dump();
-}
-
-TEST_F(DBusClientTest, FollowsTheDaemonThroughANameRestartAndANewProcess) {
-  ReadyLog ready;
-  std::atomic<int> received{0};
-  DBusClient client;
-  client.SetIpcReadyCallback(ready.Callback());
-  client.SetSignalCallback(dbus::client::kSignalOnVoiceGuideSay, [&](GVariant*) { ++received; });
-  ConnectReady(client, ready);
+  EXPECT_EQ(control().CallsOf(kMethodInit).size(), 1u) << "the refused call must not reach the daemon";
 
   const std::string restarted = control().Restart();
-  ASSERT_TRUE(ready.WaitFor({true, false, true})) << Text(ready.Events());
+  ASSERT_TRUE(ready_.WaitFor("TFT"));
   EXPECT_TRUE(client.IsConnected()) << "a vanished name must not disconnect the client";
   EXPECT_TRUE(logs().Contains("Name [" + kBusName + "] vanished on DBus"));
   EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + restarted + "], old one was []"));
   EXPECT_TRUE(InitWorks(client)) << logs().Dump();
-  control().Emit(dbus::client::kSignalOnVoiceGuideSay, g_variant_new("(^ay)", "aGk="));
-  EXPECT_TRUE(WaitUntil([&] { return received == 1; }));
-
-  sim().Kill();
-  ASSERT_TRUE(ready.WaitFor({true, false, true, false})) << Text(ready.Events());
-  EXPECT_FALSE(client.Call(dbus::client::kMethodInit, nullptr, nullptr, -1));
-  ASSERT_TRUE(sim().Start());
-  ASSERT_TRUE(ready.WaitFor({true, false, true, false, true})) << Text(ready.Events());
-  EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + NameOwner(kBusName) + "]"));
-  SimControl fresh;
-  EXPECT_TRUE(InitWorks(client)) << logs().Dump();
-  EXPECT_EQ(fresh.CallsOf(dbus::client::kMethodInit).size(), 1u);
-  fresh.Emit(dbus::client::kSignalOnVoiceGuideSay, g_variant_new("(^ay)", "aGk="));
-  EXPECT_TRUE(WaitUntil([&] { return received == 2; }));
-
-  EXPECT_EQ(sim().Stop(), 0) << "zorvel-sim exits cleanly on SIGTERM";
-  EXPECT_TRUE(ready.WaitFor({true, false, true, false, true, false})) << Text(ready.Events());
 }
 
-TEST_F(DBusClientTest, CallSinksAFloatingArgumentLeavesOthersAloneAndReportsFailures) {
-  ReadyLog ready;
+TEST_F(DBusClientTest, ConnectRefusesAMissingOrRememberedOwnerAndKeepsHandlersAcrossReconnection) {
+  std::atomic<int> received{0};
   DBusClient client;
-  client.SetIpcReadyCallback(ready.Callback());
-  ConnectReady(client, ready);
+  client.SetSignalCallback(kSignalOnServiceShutdown, [&](GVariant*) { ++received; });
+  control().ReleaseName();
+  EXPECT_FALSE(client.Connect());
+  EXPECT_FALSE(client.IsConnected());
+  EXPECT_TRUE(logs().Contains("Connection failed: got empty nameOwner? [1] connected to service which terminates? [0]"))
+      << logs().Dump();
+  EXPECT_FALSE(client.Call(kMethodInit, nullptr, nullptr, -1));
+  EXPECT_TRUE(logs().Contains("Dbus is nor ready yet [1][0]")) << "the proxy was kept";
 
-  // No arguments at all.
-  GVariant* reply = nullptr;
-  ASSERT_TRUE(client.Call(dbus::client::kMethodStopBroadcast, nullptr, &reply, -1));
-  EXPECT_EQ(IntReply(reply), 0);
-  g_variant_unref(reply);
-  std::vector<SimCall> calls = control().CallsOf(dbus::client::kMethodStopBroadcast);
+  control().AcquireName();
+  ConnectReady(client, ready_);
+  EXPECT_TRUE(client.Disconnect());
+  EXPECT_FALSE(client.IsConnected());
+  client.StopBusWatcher();
+  EXPECT_FALSE(client.Connect());
+  EXPECT_TRUE(logs().Contains("Connection failed: got empty nameOwner? [0] connected to service which terminates? [1]"))
+      << logs().Dump();
+
+  // A watcher that reports the remembered owner changes nothing.
+  logs().Clear();
+  client.LaunchBusWatcher();
+  EXPECT_TRUE(logs().WaitFor("Connected to old name owner, which terminates"));
+  EXPECT_FALSE(client.Call(kMethodInit, nullptr, nullptr, -1));
+  EXPECT_TRUE(logs().Contains("Dbus is nor ready yet [1][0]"));
+  client.StopBusWatcher();
+  control().Emit(kSignalOnServiceShutdown, g_variant_new("(i)", 2));  // not connected: not handled
+
+  const std::string owner = control().Restart();
+  ConnectReady(client, ready_, "TT");
+  EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + owner + "]"));
+  EXPECT_TRUE(InitWorks(client));
+  control().Emit(kSignalOnServiceShutdown, g_variant_new("(i)", 3));
+  EXPECT_TRUE(WaitUntil([&] { return received == 1; }));
+  EXPECT_EQ(logs().Count("[Zorvel] Got Signal from zorvel daemon onServiceShutdown"), 1u) << logs().Dump();
+}
+
+TEST_F(DBusClientTest, CallSinksAFloatingArgumentAndReportsFailures) {
+  DBusClient client;
+  ConnectReady(client, ready_);
+  ASSERT_TRUE(client.Call(kMethodStopBroadcast, nullptr, nullptr, -1));  // no arguments at all
+  std::vector<SimCall> calls = control().CallsOf(kMethodStopBroadcast);
   ASSERT_EQ(calls.size(), 1u);
   EXPECT_EQ(g_variant_n_children(calls[0].args.get()), 0u);
 
   // Floating: the caller ends up with exactly one full reference.
   VariantProbe floating(77);
-  ASSERT_TRUE(g_variant_is_floating(floating.variant()));
-  ASSERT_TRUE(client.Call(dbus::client::kMethodDeleteStoredProfile, floating.variant(), &reply, -1));
+  GVariant* reply = nullptr;
+  ASSERT_TRUE(client.Call(kMethodDeleteStoredProfile, floating.variant(), &reply, -1));
   g_variant_unref(reply);
   EXPECT_FALSE(g_variant_is_floating(floating.variant()));
   EXPECT_FALSE(floating.Freed());
   g_variant_unref(floating.variant());
   EXPECT_TRUE(WaitUntil([&] { return floating.Freed(); })) << "Call kept a reference of its own";
-  calls = control().CallsOf(dbus::client::kMethodDeleteStoredProfile);
+  calls = control().CallsOf(kMethodDeleteStoredProfile);
   ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(IntReply(calls[0].args.get()), 77);
-
-  // Not floating: left as it was.
-  VariantProbe owned(5);
-  g_variant_ref_sink(owned.variant());
-  ASSERT_TRUE(client.Call(dbus::client::kMethodConnect, owned.variant(), nullptr, -1));
-  EXPECT_FALSE(owned.Freed());
-  g_variant_unref(owned.variant());
-  EXPECT_TRUE(WaitUntil([&] { return owned.Freed(); }));
+  EXPECT_EQ(common::VariantToInteger(calls[0].args.get()), 77);
 
   // A failing call clears the slot and leaves the client connected.
-  reply = reinterpret_cast<GVariant*>(&ready);
+  reply = reinterpret_cast<GVariant*>(&ready_);
   EXPECT_FALSE(client.Call("noSuchMethod", nullptr, &reply, -1));
   EXPECT_EQ(reply, nullptr);
-  control().SetNoReply(dbus::client::kMethodInit);
-  EXPECT_FALSE(client.Call(dbus::client::kMethodInit, nullptr, nullptr, 300));
+  control().SetNoReply(kMethodInit);
+  EXPECT_FALSE(client.Call(kMethodInit, nullptr, nullptr, 300));
   EXPECT_EQ(logs().Count("Failed to call D-Bus for Zorvel daemon, error = "), 2u) << logs().Dump();
   EXPECT_TRUE(client.IsConnected());
-  control().SetNoReply(dbus::client::kMethodInit, false);
-  EXPECT_TRUE(InitWorks(client)) << logs().Dump();
 }
 
-TEST_F(DBusClientTest, DisconnectsOnceAndLeavesNothingBehindWhenDestroyed) {
-  ReadyLog witnessReady;
-  std::atomic<int> witnessed{0};
-  std::atomic<int> received{0};
-  DBusClient witness;  // stays, to know when the others would have been told
-  witness.SetIpcReadyCallback(witnessReady.Callback());
-  witness.SetSignalCallback(dbus::client::kSignalOnFound, [&](GVariant*) { ++witnessed; });
-  ConnectReady(witness, witnessReady);
-
+TEST_F(DBusClientTest, DisconnectsOnceAndDisconnectsWhenDestroyed) {
   {
-    ReadyLog ready;
     DBusClient client;
-    client.SetIpcReadyCallback(ready.Callback());
-    ConnectReady(client, ready);
+    ConnectReady(client, ready_);
     EXPECT_TRUE(client.Disconnect());
     EXPECT_TRUE(logs().Contains("Disconnect started"));
     EXPECT_FALSE(client.Disconnect());
@@ -263,28 +178,102 @@ TEST_F(DBusClientTest, DisconnectsOnceAndLeavesNothingBehindWhenDestroyed) {
   }
   EXPECT_EQ(logs().Count("Already disconnected"), 2u) << "the destructor disconnects an idle client";
   EXPECT_EQ(logs().Count("~DBusClient end"), 1u);
-
+  logs().Clear();
   auto ready = std::make_unique<ReadyLog>();
   auto client = std::make_unique<DBusClient>();
-  client->SetIpcReadyCallback(ready->Callback());
-  client->SetSignalCallback(dbus::client::kSignalOnFound, [&](GVariant*) { ++received; });
   ConnectReady(*client, *ready);
-  logs().Clear();
   client.reset();
   ready.reset();  // a late callback into it would be a use after free
   EXPECT_TRUE(logs().Contains("Disconnect started")) << logs().Dump();
   EXPECT_TRUE(logs().Contains("~DBusClient end"));
+}
 
-  logs().Clear();
-  control().Restart();
-  ASSERT_TRUE(witnessReady.WaitFor({true, false, true}));
-  control().Emit(dbus::client::kSignalOnFound, g_variant_new("(^ayq)", "eA==", 1));
-  ASSERT_TRUE(WaitUntil([&] { return witnessed == 1; }));
-  EXPECT_EQ(received, 0);
-  EXPECT_EQ(logs().Count("vanished on DBus"), 1u) << "only the witness still watches\n" << logs().Dump();
-  EXPECT_EQ(logs().Count("[Zorvel] Got Signal"), 1u) << "only the witness is still subscribed";
+TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
+  std::atomic<int> first{0}, mystery{0}, markers{0};
+  DBusClient client;
+  ConnectReady(client, ready_);
+  client.SetSignalCallback(kSignalOnFound, [&](GVariant*) { ++first; });
+  client.SetSignalCallback(kSignalOnFound, [&](GVariant* parameters) {  // markers in order: 1, then 12
+    guint16 marker = 0;
+    g_variant_get_child(parameters, 1, "q", &marker);
+    markers = markers * 10 + marker;
+  });
+  client.SetSignalCallback(kSignalOnCancel, DBusClient::SignalCallback());  // empty: as good as none
+  control().Emit("onMystery", g_variant_new("(i)", 1));  // not in the contract, still dispatched
+  control().Emit(kSignalOnCancel, g_variant_new("(^ayqq)", "eA==", 1, 2));
+  control().Emit(kSignalOnFound, Found(1));
+  ASSERT_TRUE(WaitUntil([&] { return markers == 1; }));  // one sender: in order
+  EXPECT_EQ(first, 0);
+  EXPECT_TRUE(logs().Contains("Haven't found callback for signal onMystery. Skipping processing..."));
+  EXPECT_TRUE(logs().Contains("Haven't found callback for signal onCancel. Skipping processing..."));
+  client.SetSignalCallback("onMystery", [&](GVariant*) { ++mystery; });  // replays nothing
+  control().Emit(kSignalOnFound, Found(2));
+  ASSERT_TRUE(WaitUntil([&] { return markers == 12; })) << markers;
+  EXPECT_EQ(mystery, 0);
+}
+
+TEST(SignalDispatch, HandleSignalBorrowsTheParametersAndLetsExceptionsThrough) {
+  LogCapture logs;
+  DBusClient client;  // never connected: direct dispatch works all the same
+  GVariant* seen = nullptr;
+  client.SetSignalCallback(kSignalOnFound, [&](GVariant* parameters) { seen = parameters; });
+  VariantProbe owned(1);
+  g_variant_ref_sink(owned.variant());
+  client.HandleSignal(kSignalOnFound, owned.variant());
+  EXPECT_EQ(seen, owned.variant());
+  g_variant_unref(owned.variant());
+  EXPECT_TRUE(owned.Freed()) << "HandleSignal kept a reference";
+  VariantProbe floating(2);
+  client.HandleSignal(kSignalOnFound, floating.variant());
+  EXPECT_TRUE(g_variant_is_floating(floating.variant())) << "HandleSignal sank the parameters";
+  g_variant_unref(floating.variant());
+  EXPECT_TRUE(floating.Freed());
+
+  client.SetSignalCallback(kSignalOnCancel, [](GVariant*) { throw std::runtime_error("handler failed"); });
+  EXPECT_THROW(client.HandleSignal(kSignalOnCancel, nullptr), std::runtime_error);
+  // The process-wide signal lock was released on the way out (else this hangs until the test's timeout).
+  std::thread([&] { client.HandleSignal(kSignalOnFound, nullptr); }).join();
+  EXPECT_EQ(logs.Count("HandleSignal is called, signal name [onFound]"), 3u) << logs.Dump();
+}
+
+TEST_F(DBusClientTest, HandlersOfDifferentSignalsNeverOverlapYetOneMayDispatchAnotherOnItsThread) {
+  std::atomic<int> active{0}, overlaps{0}, found{0}, cancelled{0};
+  auto run = [&](std::atomic<int>& counter) {
+    if (++active != 1) ++overlaps;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));  // work, so unguarded handlers would meet
+    --active;
+    ++counter;
+  };
+  DBusClient client;
+  ConnectReady(client, ready_);
+  client.SetSignalCallback(kSignalOnFound, [&](GVariant*) { run(found); });
+  client.SetSignalCallback(kSignalOnCancel, [&](GVariant*) { run(cancelled); });
+  client.SetSignalCallback(kSignalOnVoiceGuideSay, [&](GVariant* parameters) {  // nests a dispatch
+    client.HandleSignal(kSignalOnCancel, parameters);
+  });
+
+  control().SetInterval(1);
+  const common::GVariantPtr start(g_variant_new("(i)", 1));  // Call sinks it into this reference
+  ASSERT_TRUE(client.Call(kMethodStartBroadcast, start.get(), nullptr, -1));
+  std::atomic<bool> stop{false};
+  std::thread direct([&] {
+    const common::GVariantPtr parameters(g_variant_ref_sink(g_variant_new("(^ayqq)", "eA==", 1, 2)));
+    while (!stop) client.HandleSignal(kSignalOnCancel, parameters.get());
+  });
+  const bool enough = WaitUntil([&] { return found >= 200 && cancelled >= 200; });
+  stop = true;
+  direct.join();
+  ASSERT_TRUE(client.Call(kMethodStopBroadcast, nullptr, nullptr, -1));
+  EXPECT_TRUE(enough) << found << " onFound, " << cancelled << " onCancel";
+  EXPECT_EQ(overlaps, 0);
+
+  // Nested dispatch from a handler, on the loop thread and on ours.
+  const int before = cancelled;
+  control().Emit(kSignalOnVoiceGuideSay, g_variant_new("(^ay)", "aGk="));
+  EXPECT_TRUE(WaitUntil([&] { return cancelled == before + 1; })) << "the main loop is stuck";
+  client.HandleSignal(kSignalOnVoiceGuideSay, nullptr);
+  EXPECT_EQ(cancelled, before + 2);
 }
 
 }  // namespace
-}  // namespace testing
-}  // namespace zv_client
+}  // namespace zv_client::testing

@@ -1,15 +1,17 @@
-// Launcher commands end to end: the lifecycle, what each command answers and
-// sends, the shared client's replacement and teardown, and daemon restarts.
+// The Launcher end to end against the sim: lifecycle, what each command
+// answers and sends, the shared client's replacement and teardown, daemon
+// restarts, and the daemon's signals reaching the application's callbacks.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -27,60 +29,51 @@ namespace {
 
 using dbus::client::DBusClientAsync;
 using zorvel::Launcher;
+using zorvel::testing::CurrentClient;
 using Found = std::pair<int, std::string>;
+using Available = std::pair<int, bool>;
+using Texts = std::vector<std::string>;
 
 constexpr char kNotInited[] = "Launcher is not inited. Please check your call sequence";
 
-// Instance-found deliveries, recorded from whatever thread makes them.
-class FoundLog {
+// Callback arguments, recorded from whatever thread delivers them.
+template <typename T>
+class Recorder {
  public:
-  std::function<void(int, const std::string&)> Callback() {
-    return [this](int id, const std::string& name) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      items_.emplace_back(id, name);
-    };
+  void Add(T value) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    items_.push_back(std::move(value));
   }
-  std::vector<Found> Items() const {
+  std::vector<T> Items() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return items_;
   }
-  std::size_t Size() const { return Items().size(); }
+  bool WaitForSize(std::size_t size) const {
+    return WaitUntil([&] { return Items().size() >= size; });
+  }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<Found> items_;
+  std::vector<T> items_;
 };
 
 // "method args" for each call the sim received, e.g. "connect (7,)".
-std::vector<std::string> Described(const std::vector<SimCall>& calls) {
-  std::vector<std::string> described;
+Texts Described(const std::vector<SimCall>& calls) {
+  Texts described;
   for (const SimCall& call : calls) {
     common::GCharPtr args(g_variant_print(call.args.get(), FALSE));
-    const bool none = g_variant_n_children(call.args.get()) == 0;
-    described.push_back(call.method + " " + (none ? "()" : args.get()));
+    described.push_back(call.method + " " + (g_variant_n_children(call.args.get()) == 0 ? "()" : args.get()));
   }
   return described;
 }
 
-// Whether a line containing `later` follows one containing `earlier`.
-bool LoggedAfter(const LogCapture& logs, const std::string& earlier, const std::string& later) {
-  bool seen = false;
-  for (const LogLine& line : logs.Lines()) {
-    if (seen && line.text.find(later) != std::string::npos) return true;
-    seen = seen || line.text.find(earlier) != std::string::npos;
-  }
-  return false;
-}
-
-// GetCounts takes the pool lock, so it waits for a D-Bus call in flight: not
-// for use while the sim sits on a reply.
+// Takes the pool lock: not for use while the sim sits on a reply.
 DBusClientAsync::Counts CurrentCounts() {
-  auto* client = dynamic_cast<DBusClientAsync*>(zorvel::testing::CurrentClient());
+  auto* client = dynamic_cast<DBusClientAsync*>(CurrentClient());
   return client != nullptr ? client->GetCounts() : DBusClientAsync::Counts{};
 }
 
-// Runs `work` on another thread and waits (generously) for it to finish;
-// false when it did not, e.g. because it deadlocked.
+// False when `work` did not finish within WaitUntil's deadline (a deadlock).
 bool FinishesInBoundedTime(std::function<void()> work) {
   auto done = std::async(std::launch::async, std::move(work));
   const bool finished =
@@ -89,280 +82,151 @@ bool FinishesInBoundedTime(std::function<void()> work) {
   return finished;
 }
 
+GVariant* FoundPayload(const std::string& name, int id) { return common::SerializeIntoGVariant(name, id); }
+GVariant* CancelPayload(const std::string& name, int id, int status) {
+  return common::ProfileWithStatusToVariant(common::SessionProfile{name, id}, status);
+}
+GVariant* EmptyBytes() { return g_variant_new_array(G_VARIANT_TYPE_BYTE, nullptr, 0); }
+
 class LauncherTest : public BusTest {
  protected:
-  // Init, then wait until the daemon's name owner was seen and the command
-  // layer is ready (the `count`th time, across restarts).
+  SimOptions SimArguments() const override { return {{{1, "One"}, {2, "Two"}}, {}, 50, {}}; }
+
+  // Init, then wait until the command layer is ready for the `count`th time.
   ::testing::AssertionResult InitReady(Launcher& launcher, std::size_t count = 1) {
-    if (launcher.Init() != 0) return ::testing::AssertionFailure() << "Init failed\n" << logs().Dump();
-    return WaitReady(count);
+    if (launcher.Init() == 0 && logs().WaitFor("IpcReady [1]", count)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "the daemon never became ready\n" << logs().Dump();
   }
-  ::testing::AssertionResult WaitReady(std::size_t count) {
-    if (!logs().WaitFor("IpcReady [1]", count)) {
-      return ::testing::AssertionFailure() << "the daemon never became ready\n" << logs().Dump();
+  void Attach(Launcher& launcher) {
+    launcher.SetOnInstanceFoundCallback([this](int id, const std::string& name) { found_.Add({id, name}); });
+    launcher.SetOnCancelConnectionCallback([this](int status) { cancelled_.Add(status); });
+    launcher.SetOnConnectionAvailable([this](int id, bool state) { available_.Add({id, state}); });
+  }
+  bool WaitPooled(const std::string& method) { return logs().WaitFor("move command[" + method + "] into pool"); }
+  // Issues one queued command and waits until the daemon has it, so that the
+  // next one cannot overtake it (command threads race for the pool).
+  void Send(const std::string& method, const std::function<void()>& command) {
+    const std::size_t before = control().CallsOf(method).size();
+    command();
+    EXPECT_TRUE(control().WaitForCall(method, before + 1)) << method;
+  }
+  void EmitEach(const std::string& member, std::initializer_list<GVariant*> bodies) {
+    for (GVariant* body : bodies) control().Emit(member, body);
+  }
+  // Messages (prefix stripped, in order) of the lines whose prefix starts with one of `sources`.
+  Texts Messages(std::initializer_list<const char*> sources) {
+    Texts messages;
+    for (const LogLine& line : logs().Lines()) {
+      for (const char* source : sources) {
+        if (line.text.rfind(source, 0) == 0) messages.push_back(line.text.substr(line.text.find("> ") + 2));
+      }
     }
-    return ::testing::AssertionSuccess();
+    return messages;
   }
-  bool WaitPooled(const std::string& method) {
-    return logs().WaitFor("move command[" + method + "] into pool");
+  static void ExpectAllRefused(Launcher& launcher) {
+    EXPECT_EQ(launcher.Connect(7), -1);
+    EXPECT_EQ(launcher.StartBroadcast(true), -1);
+    EXPECT_EQ(launcher.StopBroadcast(), -1);
+    EXPECT_EQ(launcher.Stop(), -1);
+    EXPECT_TRUE(launcher.ReadProfiles().empty());
+    EXPECT_EQ(launcher.DeleteStoredProfile(1), -1);
   }
+
+  Recorder<Found> found_;
+  Recorder<int> cancelled_;
+  Recorder<Available> available_;
 };
 
-TEST_F(LauncherTest, ASecondInitKeepsTheClientAndDeinitChangesNothing) {
-  Launcher launcher;
-  EXPECT_EQ(zorvel::testing::CurrentClient(), nullptr);
-  ASSERT_EQ(launcher.Init(), 0);
-  dbus::client::DBusClient* const client = zorvel::testing::CurrentClient();
-  ASSERT_NE(client, nullptr);
-  EXPECT_NE(dynamic_cast<DBusClientAsync*>(client), nullptr);
+TEST_F(LauncherTest, InitWorksOnceDeinitChangesNothingAndCommandsRefuseWithoutInitOrClient) {
+  Launcher fresh;
+  ExpectAllRefused(fresh);  // no client at all
+  EXPECT_EQ(logs().Count(kNotInited), 6u);
 
+  Launcher launcher;
+  ASSERT_EQ(launcher.Init(), 0);
+  dbus::client::DBusClient* const client = CurrentClient();
+  EXPECT_NE(dynamic_cast<DBusClientAsync*>(client), nullptr);
   EXPECT_EQ(launcher.Init(), 0);
   EXPECT_EQ(logs().Count("Launcher is already inited. Ignore it from now on"), 1u);
-  EXPECT_EQ(zorvel::testing::CurrentClient(), client);
-
   launcher.Deinit();
-  EXPECT_EQ(logs().Count("Deinit. we're lazy here, so we do nothing"), 1u);
-  EXPECT_EQ(logs().Count("Launcher.cpp: Deinit("), 1u);
   EXPECT_EQ(launcher.Init(), 0);
   EXPECT_EQ(logs().Count("Launcher is already inited. Ignore it from now on"), 2u);
-  EXPECT_EQ(zorvel::testing::CurrentClient(), client);
+  EXPECT_EQ(logs().Count("Deinit. we're lazy here, so we do nothing"), 1u);
+  EXPECT_EQ(logs().Count("Launcher.cpp: Deinit("), 1u);
+  EXPECT_EQ(CurrentClient(), client);
   EXPECT_EQ(logs().Count("ConnectAsync"), 1u);  // only the first Init armed the connect timer
+  ASSERT_TRUE(logs().WaitFor("IpcReady [1]"));
 
-  // Still inited and connected after all that.
-  ASSERT_TRUE(WaitReady(1));
+  // Another Launcher's working client does not make `fresh` inited.
+  EXPECT_EQ(fresh.Stop(), -1);
+  EXPECT_TRUE(fresh.ReadProfiles().empty());
+  EXPECT_EQ(fresh.DeleteStoredProfile(1), -1);
+  EXPECT_EQ(logs().Count(kNotInited), 9u);
   EXPECT_EQ(launcher.Stop(), 0);
-  EXPECT_EQ(Described(control().GetCalls()), std::vector<std::string>{"deinit ()"});
-}
-
-TEST_F(LauncherTest, StopReadProfilesAndDeleteStoredProfileRefuseOnAFreshLauncherAndSendNothing) {
-  Launcher fresh;
-  EXPECT_EQ(fresh.Stop(), -1);
-  EXPECT_TRUE(fresh.ReadProfiles().empty());
-  EXPECT_EQ(fresh.DeleteStoredProfile(1), -1);
-  EXPECT_EQ(logs().Count(kNotInited), 3u);
-
-  // The same while another Launcher has installed a working client.
-  Launcher inited;
-  ASSERT_TRUE(InitReady(inited));
-  EXPECT_EQ(fresh.Stop(), -1);
-  EXPECT_TRUE(fresh.ReadProfiles().empty());
-  EXPECT_EQ(fresh.DeleteStoredProfile(1), -1);
-  EXPECT_EQ(logs().Count(kNotInited), 6u);
   EXPECT_EQ(CurrentCounts().accepted, 0u);
-  EXPECT_TRUE(control().GetCalls().empty());
-}
-
-TEST_F(LauncherTest, WithoutAClientEveryCommandFailsWithoutCrashing) {
-  {
-    Launcher never;
-    EXPECT_EQ(never.Connect(7), -1);
-    EXPECT_EQ(never.StartBroadcast(true), -1);
-    EXPECT_EQ(never.StopBroadcast(), -1);
-    EXPECT_EQ(logs().Count(kNotInited), 3u);
-  }
 
   // Destroying any Launcher removes the client of all of them.
-  Launcher first;
-  ASSERT_TRUE(InitReady(first));
   { Launcher other; }
-  EXPECT_EQ(zorvel::testing::CurrentClient(), nullptr);
-  EXPECT_EQ(first.Connect(7), -1);
-  EXPECT_EQ(first.StartBroadcast(false), -1);
-  EXPECT_EQ(first.StopBroadcast(), -1);
-  EXPECT_EQ(first.Stop(), -1);
-  EXPECT_TRUE(first.ReadProfiles().empty());
-  EXPECT_EQ(first.DeleteStoredProfile(1), -1);
-  EXPECT_EQ(logs().Count(kNotInited), 9u);
-  EXPECT_TRUE(control().GetCalls().empty());
+  EXPECT_EQ(CurrentClient(), nullptr);
+  ExpectAllRefused(launcher);
+  EXPECT_EQ(logs().Count(kNotInited), 15u);
+  EXPECT_EQ(Described(control().GetCalls()), Texts{"deinit ()"});
 }
 
-TEST_F(LauncherTest, StopAndStopBroadcastFailAtOnceWhileTheDaemonIsNotReady) {
+TEST_F(LauncherTest, StopAndStopBroadcastReturnTheDaemonsAnswerAndFailAtOnceWhileItIsNotReady) {
   control().ReleaseName();
   Launcher launcher;
   ASSERT_EQ(launcher.Init(), 0);  // the daemon being away does not fail Init
-
+  logs().Clear();
   EXPECT_EQ(launcher.Stop(), -1);
-  EXPECT_TRUE(logs().Contains("Deinit failed with code [0]"));
-  EXPECT_EQ(launcher.StopBroadcast(), -1);
-  EXPECT_TRUE(logs().Contains("StopBroadcast failed with code [-1]"));
-  // Its Disconnect still ran, after the failed call.
-  EXPECT_TRUE(LoggedAfter(logs(), "StopBroadcast failed with code [-1]", "DBusClientAsync.cpp: Disconnect("))
-      << logs().Dump();
-  EXPECT_TRUE(logs().Contains("StopBroadcast FINISHED"));
+  EXPECT_EQ(launcher.StopBroadcast(), -1);  // and still disconnects
+  EXPECT_EQ(Messages({"Launcher.cpp: ", "DBusClientAsync.cpp: Disconnect("}),
+            (Texts{"Stop STARTED", "Deinit failed with code [0]", "StopBroadcast STARTED",
+                   "StopBroadcast failed with code [-1]", "Already disconnected", "StopBroadcast FINISHED"}));
 
-  // Back once the daemon is.
   control().AcquireName();
-  ASSERT_TRUE(WaitReady(1));
-  EXPECT_EQ(launcher.Stop(), 0);
-
-  // Ready but silent: the 500 ms of StopBroadcast run out, readiness is
-  // dropped anyway, and the next command waits for the daemon's restart.
-  control().SetDelay("stopBroadcast", 5000);
-  EXPECT_EQ(launcher.StopBroadcast(), -1);
-  EXPECT_EQ(logs().Count("StopBroadcast failed with code [-1]"), 2u);
-  EXPECT_TRUE(logs().Contains("Async Disconnect. Reset `ready` without the real disconnecting"));
-  EXPECT_EQ(launcher.Connect(7), 0);
-  ASSERT_TRUE(WaitPooled("connect"));
-  EXPECT_TRUE(control().CallsOf("connect").empty());
-  control().Restart();
-  ASSERT_TRUE(control().WaitForCall("connect"));
-  EXPECT_EQ(Described(control().CallsOf("connect")), std::vector<std::string>{"connect (7,)"});
-}
-
-TEST_F(LauncherTest, StopAndStopBroadcastWaitForTheDaemonsAnswer) {
-  Launcher launcher;
-  ASSERT_TRUE(InitReady(launcher));
-
+  ASSERT_TRUE(logs().WaitFor("IpcReady [1]"));
   control().SetAnswer("deinit", -1);
   control().SetDelay("deinit", 200);
   EXPECT_EQ(launcher.Stop(), 0);  // the answer is logged, not returned
   EXPECT_TRUE(logs().Contains("##### Extracted int: [-1] #########"));
-  EXPECT_TRUE(logs().Contains("Stop FINISHED"));
-
   control().SetAnswer("stopBroadcast", 7);
   EXPECT_EQ(launcher.StopBroadcast(), 7);
   EXPECT_TRUE(logs().Contains("##### Extracted int: [7] #########"));
-  EXPECT_EQ(Described(control().GetCalls()), (std::vector<std::string>{"deinit ()", "stopBroadcast ()"}));
+  EXPECT_EQ(Described(control().GetCalls()), (Texts{"deinit ()", "stopBroadcast ()"}));
 }
 
-TEST_F(LauncherTest, QueuedCommandsReturnAtOnceWhileTheDaemonHoldsItsReply) {
+TEST_F(LauncherTest, QueuedCommandsCarryTheirArgumentsAndConnectWaitsForTheBroadcastToStartOrStop) {
   Launcher launcher;
   ASSERT_TRUE(InitReady(launcher));
-  for (const char* method : {"connect", "startBroadcast", "readProfiles", "deleteStoredProfile"}) {
-    control().SetNoReply(method);
-  }
-
-  EXPECT_EQ(launcher.Connect(7), 0);
-  ASSERT_TRUE(control().WaitForCall("connect"));
-  // connect is never answered; the layer runs one call at a time, so the
-  // others cannot even reach the daemon, yet each returns.
-  EXPECT_EQ(launcher.StartBroadcast(true), 0);
-  EXPECT_TRUE(launcher.ReadProfiles().empty());
-  EXPECT_EQ(launcher.DeleteStoredProfile(5), 0);
-  EXPECT_EQ(Described(control().GetCalls()), std::vector<std::string>{"connect (7,)"});
-  // The Launcher's destructor cancels the call the daemon sits on.
-}
-
-TEST_F(LauncherTest, QueuedCommandsReachTheDaemonLaterWithTheirArguments) {
-  Launcher launcher;
-  ASSERT_TRUE(InitReady(launcher));
-  control().SetDelay("connect", 300);
-
-  EXPECT_EQ(launcher.Connect(7), 0);
-  ASSERT_TRUE(control().WaitForCall("connect"));
-  // These three wait for connect's reply, then go in any order.
-  EXPECT_EQ(launcher.StartBroadcast(true), 0);
-  EXPECT_TRUE(launcher.ReadProfiles().empty());
-  EXPECT_EQ(launcher.DeleteStoredProfile(5), 0);
-  for (const char* method : {"startBroadcast", "readProfiles", "deleteStoredProfile"}) {
-    ASSERT_TRUE(control().WaitForCall(method)) << method;
-  }
-  EXPECT_EQ(Described(control().CallsOf("connect")), std::vector<std::string>{"connect (7,)"});
-  EXPECT_EQ(Described(control().CallsOf("startBroadcast")), std::vector<std::string>{"startBroadcast (1,)"});
-  EXPECT_EQ(Described(control().CallsOf("readProfiles")), std::vector<std::string>{"readProfiles ()"});
-  EXPECT_EQ(Described(control().CallsOf("deleteStoredProfile")),
-            std::vector<std::string>{"deleteStoredProfile (5,)"});
-
-  // One at a time from here: a command repeating the one sent just before is
-  // dropped, so each follows a different one.
-  EXPECT_EQ(launcher.Connect(8), 0);
-  ASSERT_TRUE(control().WaitForCall("connect", 2));
-  EXPECT_EQ(launcher.StartBroadcast(false), 0);
-  ASSERT_TRUE(control().WaitForCall("startBroadcast", 2));
-  EXPECT_EQ(launcher.DeleteStoredProfile(-3), 0);
-  ASSERT_TRUE(control().WaitForCall("deleteStoredProfile", 2));
-  EXPECT_EQ(Described(control().CallsOf("startBroadcast")),
-            (std::vector<std::string>{"startBroadcast (1,)", "startBroadcast (0,)"}));
-  EXPECT_EQ(Described(control().CallsOf("deleteStoredProfile")),
-            (std::vector<std::string>{"deleteStoredProfile (5,)", "deleteStoredProfile (-3,)"}));
-  const std::vector<SimCall> calls = control().GetCalls();
-  for (const SimCall& call : calls) EXPECT_EQ(call.sender, calls.front().sender);
-}
-
-TEST_F(LauncherTest, ConnectRefusesASecondRequestUntilTheBroadcastIsStartedOrStopped) {
-  Launcher launcher;
-  ASSERT_TRUE(InitReady(launcher));
-
-  EXPECT_EQ(launcher.Connect(7), 0);
-  ASSERT_TRUE(control().WaitForCall("connect"));
+  Send("connect", [&] { EXPECT_EQ(launcher.Connect(7), 0); });
   const auto accepted = CurrentCounts().accepted;
   EXPECT_EQ(launcher.Connect(8), -1);
   EXPECT_EQ(CurrentCounts().accepted, accepted);  // never handed to the client
-
-  EXPECT_EQ(launcher.StartBroadcast(true), 0);
-  ASSERT_TRUE(control().WaitForCall("startBroadcast"));
-  EXPECT_EQ(launcher.Connect(8), 0);
-  ASSERT_TRUE(control().WaitForCall("connect", 2));
-  EXPECT_EQ(Described(control().CallsOf("connect")), (std::vector<std::string>{"connect (7,)", "connect (8,)"}));
-
+  Send("startBroadcast", [&] { EXPECT_EQ(launcher.StartBroadcast(false), 0); });
+  Send("connect", [&] { EXPECT_EQ(launcher.Connect(8), 0); });
   EXPECT_EQ(launcher.Connect(9), -1);
+  Send("deleteStoredProfile", [&] { EXPECT_EQ(launcher.DeleteStoredProfile(-3), 0); });
+  Send("readProfiles", [&] { EXPECT_TRUE(launcher.ReadProfiles().empty()); });
   EXPECT_EQ(launcher.StopBroadcast(), 0);
   EXPECT_EQ(launcher.Connect(9), 0);
-  // StopBroadcast dropped readiness: connect(9) waits for a new daemon owner.
-  ASSERT_TRUE(WaitPooled("connect"));
+  ASSERT_TRUE(WaitPooled("connect"));  // StopBroadcast dropped readiness until a new owner
   control().Restart();
   ASSERT_TRUE(control().WaitForCall("connect", 3));
-  EXPECT_EQ(Described(control().CallsOf("connect")),
-            (std::vector<std::string>{"connect (7,)", "connect (8,)", "connect (9,)"}));
+  const std::vector<SimCall> calls = control().GetCalls();
+  EXPECT_EQ(Described(calls), (Texts{"connect (7,)", "startBroadcast (0,)", "connect (8,)", "deleteStoredProfile (-3,)",
+                                     "readProfiles ()", "stopBroadcast ()", "connect (9,)"}));
+  for (const SimCall& call : calls) EXPECT_EQ(call.sender, calls.front().sender);
 }
 
-class LauncherProfilesTest : public LauncherTest {
- protected:
-  SimOptions SimArguments() const override { return {{{1, "One"}, {2, "Two"}}, {}, 0, {}}; }
-};
-
-TEST_F(LauncherProfilesTest, StoredProfilesArriveThroughTheInstanceFoundCallbackInTheDaemonsOrder) {
-  FoundLog found;
-  Launcher launcher;
-  launcher.SetOnInstanceFoundCallback(found.Callback());
-  ASSERT_TRUE(InitReady(launcher));
-
-  const std::string withNul("A\0B", 3);
-  const std::string notUtf8("\xff\xfe caf\xe9");
-  control().SetReply("readProfiles",
-                     common::ProfilesToVariant({{"Kitchen", 3}, {withNul, 1}, {notUtf8, 2}, {"Minus five", -5}}));
-  EXPECT_TRUE(launcher.ReadProfiles().empty());
-  ASSERT_TRUE(logs().WaitFor("ExecuteCommand[readProfiles] FINISHED"));
-  // The delivery carries the id in 16 bits: -5 arrives as 65531.
-  EXPECT_EQ(found.Items(),
-            (std::vector<Found>{{3, "Kitchen"}, {1, withNul}, {2, notUtf8}, {65531, "Minus five"}}));
-}
-
-TEST_F(LauncherProfilesTest, ADeletedProfileIsGoneFromTheNextReadAndAnEmptyStoreDeliversNothing) {
-  FoundLog found;
-  Launcher launcher;
-  launcher.SetOnInstanceFoundCallback(found.Callback());
-  ASSERT_TRUE(InitReady(launcher));
-  const std::string finished = "ExecuteCommand[readProfiles] FINISHED";
-
-  EXPECT_TRUE(launcher.ReadProfiles().empty());
-  ASSERT_TRUE(logs().WaitFor(finished, 1));
-  EXPECT_EQ(found.Items(), (std::vector<Found>{{1, "One"}, {2, "Two"}}));
-
-  EXPECT_EQ(launcher.DeleteStoredProfile(1), 0);
-  ASSERT_TRUE(control().WaitForCall("deleteStoredProfile"));
-  EXPECT_TRUE(launcher.ReadProfiles().empty());
-  ASSERT_TRUE(logs().WaitFor(finished, 2));
-  EXPECT_EQ(found.Items(), (std::vector<Found>{{1, "One"}, {2, "Two"}, {2, "Two"}}));
-
-  EXPECT_EQ(launcher.DeleteStoredProfile(2), 0);
-  ASSERT_TRUE(control().WaitForCall("deleteStoredProfile", 2));
-  EXPECT_TRUE(control().GetProfiles().empty());
-  EXPECT_TRUE(launcher.ReadProfiles().empty());
-  ASSERT_TRUE(logs().WaitFor(finished, 3));
-  EXPECT_TRUE(logs().Contains("Read profiles size[0]"));
-  EXPECT_EQ(found.Size(), 3u);
-}
-
-TEST_F(LauncherProfilesTest, InitOnASecondLauncherReplacesTheClientWhileTheFirstHasCommandsInFlight) {
-  FoundLog firstFound;
-  FoundLog secondFound;
+TEST_F(LauncherTest, InitOnASecondLauncherReplacesTheClientWhileTheFirstHasCommandsInFlight) {
+  Recorder<Found> firstFound;
   Launcher first;
   Launcher second;
-  first.SetOnInstanceFoundCallback(firstFound.Callback());
-  second.SetOnInstanceFoundCallback(secondFound.Callback());
+  first.SetOnInstanceFoundCallback([&](int id, const std::string& name) { firstFound.Add({id, name}); });
+  Attach(second);
   ASSERT_TRUE(InitReady(first));
-  DBusClientAsync* const firstClient = dynamic_cast<DBusClientAsync*>(zorvel::testing::CurrentClient());
+  dbus::client::DBusClient* const firstClient = CurrentClient();
 
   control().SetNoReply("readProfiles");
   first.ReadProfiles();
@@ -372,65 +236,58 @@ TEST_F(LauncherProfilesTest, InitOnASecondLauncherReplacesTheClientWhileTheFirst
 
   // Replacing the client cancels the call in flight and discards the rest.
   ASSERT_TRUE(FinishesInBoundedTime([&] { EXPECT_EQ(second.Init(), 0); }));
-  EXPECT_NE(zorvel::testing::CurrentClient(), firstClient);
+  EXPECT_NE(CurrentClient(), firstClient);
   EXPECT_TRUE(logs().Contains("Stop dbus client"));
 
-  ASSERT_TRUE(WaitReady(2));
+  ASSERT_TRUE(logs().WaitFor("IpcReady [1]", 2));
   control().SetNoReply("readProfiles", false);
   second.ReadProfiles();
-  ASSERT_TRUE(control().WaitForCall("readProfiles", 2));
-  ASSERT_TRUE(WaitUntil([&] { return secondFound.Size() == 2; }));
-  EXPECT_EQ(secondFound.Items(), (std::vector<Found>{{1, "One"}, {2, "Two"}}));
+  ASSERT_TRUE(found_.WaitForSize(2));
+  EXPECT_EQ(found_.Items(), (std::vector<Found>{{1, "One"}, {2, "Two"}}));
   EXPECT_TRUE(firstFound.Items().empty());
   EXPECT_TRUE(control().CallsOf("startBroadcast").empty());
   EXPECT_TRUE(control().CallsOf("deleteStoredProfile").empty());
 }
 
-TEST_F(LauncherProfilesTest, DestroyingALauncherWithCommandsInFlightIsBoundedAndSilencesItsCallbacks) {
+TEST_F(LauncherTest, QueuedCommandsReturnAtOnceAndDestroyingTheLauncherWithThemInFlightIsBoundedAndSilent) {
   std::atomic<bool> destroyed{false};
   std::atomic<int> lateCalls{0};
-  FoundLog witnessFound;
   auto launcher = std::make_unique<Launcher>();
-  launcher->SetOnInstanceFoundCallback([&](int, const std::string&) {
-    if (destroyed) ++lateCalls;
-  });
-  launcher->SetOnConnectionAvailable([&](int, bool) {
-    if (destroyed) ++lateCalls;
-  });
+  launcher->SetOnInstanceFoundCallback([&](int, const std::string&) { lateCalls += destroyed ? 1 : 0; });
+  launcher->SetOnConnectionAvailable([&](int, bool) { lateCalls += destroyed ? 1 : 0; });
   ASSERT_TRUE(InitReady(*launcher));
 
-  // readProfiles is answered while the destructor's grace period runs, so its
-  // deliveries may race the teardown; deleteStoredProfile is never answered.
+  // readProfiles is answered while the teardown runs, so its deliveries race
+  // it; deleteStoredProfile is never answered, yet every command returns.
   control().SetDelay("readProfiles", 700);
   control().SetNoReply("deleteStoredProfile");
-  launcher->ReadProfiles();
+  EXPECT_TRUE(launcher->ReadProfiles().empty());
   ASSERT_TRUE(control().WaitForCall("readProfiles"));
-  launcher->DeleteStoredProfile(1);
-  launcher->StartBroadcast(true);
-  launcher->Connect(7);
+  EXPECT_EQ(launcher->DeleteStoredProfile(1), 0);
+  EXPECT_EQ(launcher->StartBroadcast(true), 0);
+  EXPECT_EQ(launcher->Connect(7), 0);
 
   ASSERT_TRUE(FinishesInBoundedTime([&] { launcher.reset(); }));
   destroyed = true;
-  EXPECT_EQ(zorvel::testing::CurrentClient(), nullptr);
+  EXPECT_EQ(CurrentClient(), nullptr);
 
   // A new Launcher hears the daemon; the destroyed one's callbacks stay silent.
   Launcher witness;
-  witness.SetOnInstanceFoundCallback(witnessFound.Callback());
+  Attach(witness);
   ASSERT_TRUE(InitReady(witness, 2));
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 7, 1));
-  control().Emit("onFound", common::SerializeIntoGVariant("Marker", 99));
-  ASSERT_TRUE(WaitUntil([&] {
-    const std::vector<Found> items = witnessFound.Items();
-    return std::find(items.begin(), items.end(), Found{99, "Marker"}) != items.end();
-  }));
+  ASSERT_TRUE(available_.WaitForSize(1));
   EXPECT_EQ(lateCalls, 0);
 }
 
 TEST_F(LauncherTest, CommandsHeldWhileTheDaemonIsAwayAreSentOnceInOrderToTheNewOwner) {
   Launcher launcher;
   ASSERT_TRUE(InitReady(launcher));
-  control().ReleaseName();
+  control().SetNoReply("deleteStoredProfile");
+  Send("deleteStoredProfile", [&] { launcher.DeleteStoredProfile(4); });
+  control().ReleaseName();  // the call in flight fails with the old instance: not sent again
   ASSERT_TRUE(logs().WaitFor("IpcReady [0]"));
+  control().SetNoReply("deleteStoredProfile", false);
 
   // One at a time, so that the pool's order is the order of the calls.
   EXPECT_EQ(launcher.Connect(7), 0);
@@ -442,31 +299,179 @@ TEST_F(LauncherTest, CommandsHeldWhileTheDaemonIsAwayAreSentOnceInOrderToTheNewO
   EXPECT_TRUE(launcher.ReadProfiles().empty());
   ASSERT_TRUE(WaitPooled("readProfiles"));
 
-  const std::string newOwner = control().AcquireName();
+  control().AcquireName();
   ASSERT_TRUE(logs().WaitFor("IpcReady command[readProfiles] FINISHED"));
-  // A later command shows that nothing else is on its way.
-  EXPECT_EQ(launcher.DeleteStoredProfile(4), 0);
-  ASSERT_TRUE(control().WaitForCall("deleteStoredProfile", 2));
+  Send("deleteStoredProfile", [&] { launcher.DeleteStoredProfile(5); });  // nothing else is on its way
   EXPECT_EQ(Described(control().GetCalls()),
-            (std::vector<std::string>{"connect (7,)", "startBroadcast (1,)", "deleteStoredProfile (3,)",
-                                      "readProfiles ()", "deleteStoredProfile (4,)"}));
+            (Texts{"deleteStoredProfile (4,)", "connect (7,)", "startBroadcast (1,)", "deleteStoredProfile (3,)",
+                   "readProfiles ()", "deleteStoredProfile (5,)"}));
   EXPECT_EQ(CurrentCounts().replayed, 4u);
-  EXPECT_EQ(control().GetOwner(), newOwner);
 }
 
-TEST_F(LauncherTest, ACommandAlreadySentToTheOldInstanceIsNotSentAgain) {
+TEST_F(LauncherTest, OnFoundDeliversIdAndNameAfterItsLogLineAndDropsMalformedPayloads) {
+  std::atomic<bool> loggedBefore{false};
+  Launcher launcher;
+  const std::regex logged(R"(> thd: \S+ "Execute Instance Found callback: id\[12\], name\[Kitchen speaker\]")");
+  launcher.SetOnInstanceFoundCallback([&](int id, const std::string& name) {
+    if (id == 12) loggedBefore = std::regex_search(logs().Dump(), logged);  // thread id first, before the call
+    found_.Add({id, name});
+  });
+  ASSERT_TRUE(InitReady(launcher));
+
+  control().Emit("onFound", FoundPayload("Kitchen speaker", 12));
+  EmitEach("onFound", {g_variant_new("(@ayq)", EmptyBytes(), 12), g_variant_new("(si)", "Kitchen speaker", 12),
+                       g_variant_new("(i)", 1), g_variant_new("(ayqq)", nullptr, 1, 2), nullptr});
+  control().Emit("onFound", FoundPayload("Hall display", 13));
+  ASSERT_TRUE(found_.WaitForSize(2));
+  EXPECT_TRUE(loggedBefore);
+  EXPECT_EQ(found_.Items(), (std::vector<Found>{{12, "Kitchen speaker"}, {13, "Hall display"}}));
+  std::size_t errors = 0;
+  for (const LogLine& line : logs().Lines()) {
+    const bool failed = line.text.find("> Failed to deserialize data") != std::string::npos;
+    errors += failed && line.priority == platform::LogPriority::kError ? 1 : 0;
+  }
+  EXPECT_EQ(errors, 5u);
+}
+
+TEST_F(LauncherTest, OnCancelAndOnConnectionAvailablePassTheirNumbersAndSurviveMalformedPayloads) {
+  Launcher launcher;
+  Attach(launcher);
+  ASSERT_TRUE(InitReady(launcher));
+
+  control().Emit("onCancel", CancelPayload("Hall display", 7, 3));  // the status, not the id
+  EmitEach("onCancel", {common::IntegerToVariant(5), nullptr, g_variant_new("(@ayqq)", EmptyBytes(), 7, 3),
+                        g_variant_new("(s)", "x"), g_variant_new("(ayq)", nullptr, 1)});
+  control().Emit("onCancel", CancelPayload("Kitchen speaker", 1, 0));
+  ASSERT_TRUE(logs().WaitFor("onCancelConnection handled", 7));
+  EXPECT_EQ(cancelled_.Items(), (std::vector<int>{3, 0}));
+  EXPECT_TRUE(logs().Contains("onCancelConnection emitted: profile[Hall display][7], status[3]"));
+  EXPECT_EQ(logs().Count("onCancelConnection emitted"), 2u);  // undecodable ones log only "handled"
+
+  EXPECT_EQ(launcher.Connect(7), 0);  // the sim follows its answer with (7, 1)
+  ASSERT_TRUE(available_.WaitForSize(1));
+  // Of another type, (s) or (ii): both numbers stay 0.
+  EmitEach("onConnectionAvailable", {g_variant_new("(qq)", 5, 2), g_variant_new("(qq)", 5, 0),
+                                     g_variant_new("(qq)", 65535, 1), g_variant_new("(s)", "5"),
+                                     g_variant_new("(ii)", 5, 1)});
+  ASSERT_TRUE(available_.WaitForSize(6));
+  EXPECT_EQ(available_.Items(),
+            (std::vector<Available>{{7, true}, {5, true}, {5, false}, {65535, true}, {0, false}, {0, false}}));
+  EXPECT_TRUE(logs().Contains("Execute Instance ConnectionAvailable callback: id[65535] state[1]"));
+}
+
+TEST_F(LauncherTest, OnDbusClosingDisconnectsOncePerSignalAndLaterCommandsAreHeldForTheNextOwner) {
   Launcher launcher;
   ASSERT_TRUE(InitReady(launcher));
-  control().SetNoReply("deleteStoredProfile");
-  EXPECT_EQ(launcher.DeleteStoredProfile(4), 0);
-  ASSERT_TRUE(control().WaitForCall("deleteStoredProfile"));
+  logs().Clear();
+  EmitEach("onDbusClosing", {common::IntegerToVariant(0), common::IntegerToVariant(-42), g_variant_new("(s)", "bye")});
+  ASSERT_TRUE(logs().WaitFor("onDbusClosing handled", 3));
+  EXPECT_EQ(Messages({"Launcher.cpp: ", "DBusClientAsync.cpp: Disconnect("}),
+            (Texts{"onDbusClosing emitted [0]", "Async Disconnect. Reset `ready` without the real disconnecting",
+                   "onDbusClosing handled", "onDbusClosing emitted [-42]", "Already disconnected",
+                   "onDbusClosing handled", "onDbusClosing emitted [0]", "Already disconnected",
+                   "onDbusClosing handled"}));
 
-  control().Restart();  // the held call fails with the old instance
-  ASSERT_TRUE(logs().WaitFor("IpcReady [0]"));
+  EXPECT_EQ(launcher.Connect(7), 0);
+  ASSERT_TRUE(WaitPooled("connect"));
+  EXPECT_TRUE(control().CallsOf("connect").empty());
+}
+
+TEST_F(LauncherTest, ClearedCallbacksAreSkippedWhileTheirHandlersStillRunAndUnhandledSignalsReachNoLauncherCode) {
+  Launcher launcher;
+  Attach(launcher);
+  ASSERT_TRUE(InitReady(launcher));
+  const auto emitAll = [&] {
+    control().Emit("onFound", FoundPayload("Kitchen speaker", 101));
+    control().Emit("onCancel", CancelPayload("Hall display", 7, 3));
+    control().Emit("onConnectionAvailable", g_variant_new("(qq)", 5, 1));
+  };
+  emitAll();
+  ASSERT_TRUE(available_.WaitForSize(1));
+  launcher.SetOnInstanceFoundCallback(nullptr);
+  launcher.SetOnCancelConnectionCallback(nullptr);
+  launcher.SetOnConnectionAvailable(nullptr);
+  logs().Clear();
+
+  emitAll();
+  control().Emit("onVoiceGuideSay", common::SerializeIntoGVariant("Turn left"));
+  control().Emit("onServiceShutdown", common::IntegerToVariant(1));
+  // Signals are handled in order: once this one is dropped, all are done.
+  ASSERT_TRUE(logs().WaitFor("Haven't found callback for signal onServiceShutdown. Skipping processing..."));
+  EXPECT_TRUE(logs().Contains("Haven't found callback for signal onVoiceGuideSay. Skipping processing..."));
+  EXPECT_EQ(found_.Items().size() + cancelled_.Items().size() + available_.Items().size(), 3u);
+  EXPECT_EQ(Messages({"Launcher.cpp: "}), (Texts{"OnFoundCallback emitted",
+                                                 "onCancelConnection emitted: profile[Hall display][7], status[3]",
+                                                 "onCancelConnection handled", "onConnectionAvailable emitted"}));
+}
+
+TEST_F(LauncherTest, SettersMayRaceDeliveriesFromOtherThreads) {
+  std::atomic<int> foundCalls{0}, cancelCalls{0}, availableCalls{0};
+  std::atomic<bool> stop{false};
+  Launcher launcher;
+  ASSERT_TRUE(InitReady(launcher));
+  control().SetInterval(2);
+
+  std::thread setter([&] {
+    for (unsigned round = 0; !stop; ++round) {
+      // A capture on the heap (or none), so that a callable destroyed while it runs would show.
+      const std::string capture(round % 3 == 2 ? 0 : 40 + 40 * (round % 3), 'c');
+      if (capture.empty()) {
+        launcher.SetOnInstanceFoundCallback(nullptr);
+        launcher.SetOnCancelConnectionCallback(nullptr);
+        launcher.SetOnConnectionAvailable(nullptr);
+        continue;
+      }
+      launcher.SetOnInstanceFoundCallback([&, capture](int, const std::string&) { foundCalls += !capture.empty(); });
+      launcher.SetOnCancelConnectionCallback([&, capture](int) { cancelCalls += !capture.empty(); });
+      launcher.SetOnConnectionAvailable([&, capture](int, bool) { availableCalls += !capture.empty(); });
+    }
+  });
+
+  // Broadcast deliveries on the main-loop thread, stored-profile deliveries
+  // on command threads, cancel and available events from the test thread.
   EXPECT_EQ(launcher.StartBroadcast(true), 0);
-  ASSERT_TRUE(control().WaitForCall("startBroadcast"));
+  for (int round = 0; round < 20; ++round) {
+    launcher.ReadProfiles();
+    launcher.DeleteStoredProfile(99);
+    control().Emit("onCancel", CancelPayload("Hall display", 7, round));
+    control().Emit("onConnectionAvailable", g_variant_new("(qq)", round, 1));
+  }
+  EXPECT_TRUE(WaitUntil([&] { return foundCalls > 100 && cancelCalls > 0 && availableCalls > 0; }));
+  EXPECT_TRUE(logs().WaitFor("onCancelConnection handled", 20));
+  stop = true;
+  setter.join();
+}
+
+TEST_F(LauncherTest, CallbacksMayReplaceThemselvesAndCallTheLauncherEvenStopBroadcastDuringAStoredProfileDelivery) {
+  std::atomic<int> startResult{1000}, readSize{1000}, stopResult{1000};
+  std::atomic<bool> read{false};
+  Launcher launcher;
+  // connect -> available (7, true) -> StartBroadcast -> instance 101 found ->
+  // ReadProfiles -> stored profile 1 found, on a command thread -> StopBroadcast.
+  // The first callable replaces itself, then still uses its own capture.
+  launcher.SetOnConnectionAvailable([&, tag = std::string(64, 'a')](int, bool) {
+    launcher.SetOnConnectionAvailable([&](int id, bool state) { available_.Add({id, state}); });
+    startResult = launcher.StartBroadcast(tag.size() == 64);
+  });
+  launcher.SetOnInstanceFoundCallback([&](int id, const std::string& name) {
+    if (id < 100) found_.Add({id, name});
+    if (id == 101 && !read.exchange(true)) readSize = static_cast<int>(launcher.ReadProfiles().size());
+    if (id == 1) stopResult = launcher.StopBroadcast();
+  });
+  ASSERT_TRUE(InitReady(launcher));
+  control().SetAnswer("stopBroadcast", 4);
+
+  EXPECT_EQ(launcher.Connect(7), 0);
+  ASSERT_TRUE(WaitUntil([&] { return found_.Items().size() == 2 && stopResult != 1000; })) << logs().Dump();
+  EXPECT_EQ(startResult, 0);
+  EXPECT_EQ(readSize, 0);
+  EXPECT_EQ(stopResult, 4);
+  EXPECT_EQ(found_.Items(), (std::vector<Found>{{1, "One"}, {2, "Two"}}));
   EXPECT_EQ(Described(control().GetCalls()),
-            (std::vector<std::string>{"deleteStoredProfile (4,)", "startBroadcast (1,)"}));
+            (Texts{"connect (7,)", "startBroadcast (1,)", "readProfiles ()", "stopBroadcast ()"}));
+  control().Emit("onConnectionAvailable", g_variant_new("(qq)", 9, 0));
+  ASSERT_TRUE(available_.WaitForSize(1));
+  EXPECT_EQ(available_.Items(), (std::vector<Available>{{9, false}}));
 }
 
 }  // namespace
