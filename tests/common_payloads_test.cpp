@@ -315,7 +315,10 @@ TEST_F(SystemLog, SinksCanBeSwappedWhileOtherThreadsLog) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> loggers;
   for (int i = 0; i < 4; ++i) loggers.emplace_back([&] { while (!stop) Log("busy"); });
-  for (int round = 0; round < 2000; ++round) platform::SetLogSink(Recorder::SinkInto(round % 2 ? first : second));
+  // Swap until both sinks have been run by the loggers (they may start late).
+  for (int round = 0; round < 2000 || first->Lines().empty() || second->Lines().empty(); ++round) {
+    platform::SetLogSink(Recorder::SinkInto(round % 2 ? first : second));
+  }
   stop = true;
   for (std::thread& logger : loggers) logger.join();
   platform::SetLogSink({});
