@@ -6,7 +6,7 @@
 //   held_commands_example CONNECT_ID DELETE_ID
 //
 // issues Connect(CONNECT_ID), DeleteStoredProfile(DELETE_ID) and
-// ReadProfiles(), a moment apart, then waits up to 60 s for their results: the
+// ReadProfiles() back to back, then waits up to 60 s for their results: the
 // connection-available event, and the stored profiles, in which DELETE_ID no
 // longer appears because the deletion reached the daemon before the read.
 // Exit code 0 when all of that happened, 1 otherwise.
@@ -65,18 +65,11 @@ int Run(Reports& reports, int connectId, int deleteId) {
   // (first attempt after 500 ms, then every 500 ms while the daemon's name
   // has no owner).
   //
-  // Each command starts on a thread of its own, and the held commands are
-  // replayed in the order those threads queued them. Commands issued in the
-  // same instant may therefore queue in any order; an application that
-  // needs one command to reach the daemon before another issues them apart
-  // (as separate user actions are) or waits for the first one's result.
-  const auto apart = std::chrono::milliseconds(200);
+  // They reach the daemon in the order they were issued, each at most once.
   launcher.Connect(connectId);
   std::printf("issued connect(%d)\n", connectId);
-  std::this_thread::sleep_for(apart);
   launcher.DeleteStoredProfile(deleteId);
   std::printf("issued deleteStoredProfile(%d)\n", deleteId);
-  std::this_thread::sleep_for(apart);
   launcher.ReadProfiles();
   std::printf("issued readProfiles(); waiting for the daemon...\n");
 
