@@ -1,5 +1,7 @@
 #include <common/GLibUtils.h>
 
+#include <cstring>
+#include <initializer_list>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -21,12 +23,40 @@ GVariant* ByteArrayOf(const std::string& text) {
   return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text.data(), text.size(), sizeof(guchar));
 }
 
+// Payloads are built from their children rather than through a format string:
+// g_variant_new/g_variant_get parse the format on every call, which costs more
+// than the rest of the encoding (a reply of stored profiles builds one payload
+// per profile). The tuple takes over the floating children.
+GVariant* TupleOf(std::initializer_list<GVariant*> children) {
+  return g_variant_new_tuple(children.begin(), children.size());
+}
+
+GVariant* Base64ByteArrayOf(const std::string& data) {
+  return ByteArrayOf(zv_client::common::base64_encode(reinterpret_cast<const unsigned char*>(data.data()),
+                                                      static_cast<unsigned int>(data.size())));
+}
+
+guint16 Uint16Child(GVariant* tuple, std::size_t index) {
+  zv_client::common::GVariantPtr child(g_variant_get_child_value(tuple, index));
+  return g_variant_get_uint16(child.get());
+}
+
+// Base64 text up to its first NUL, as g_base64_decode reads a C string.
+std::string DecodeBase64(const char* text, std::size_t length) {
+  length = strnlen(text, length);
+  std::string result((length / 4) * 3 + 3, '\0');
+  gint state = 0;
+  guint save = 0;
+  result.resize(g_base64_decode_step(text, length, reinterpret_cast<guchar*>(&result[0]), &state, &save));
+  return result;
+}
+
 // Decodes the base64 bytes of an "ay" child; false when it holds no bytes.
 bool DecodeByteArray(GVariant* array, std::string& decoded) {
   gsize length = 0;
   const auto* bytes = static_cast<const char*>(g_variant_get_fixed_array(array, &length, sizeof(guchar)));
   if (bytes == nullptr || length == 0) return false;
-  decoded = zv_client::common::base64_decode(std::string(bytes, length));
+  decoded = DecodeBase64(bytes, length);
   return true;
 }
 
@@ -34,44 +64,48 @@ bool DecodeByteArray(GVariant* array, std::string& decoded) {
 std::string TextOf(GVariant* value) {
   if (!IsOfType(value, "(s)")) return {};
   zv_client::common::GVariantPtr text(g_variant_get_child_value(value, 0));
-  return zv_client::common::base64_decode(g_variant_get_string(text.get(), nullptr));
+  gsize length = 0;
+  const gchar* encoded = g_variant_get_string(text.get(), &length);
+  return DecodeBase64(encoded, length);
 }
 }  // namespace
 
 namespace zv_client {
 namespace common {
 
-GVariant* IntegerToVariant(int value) { return g_variant_new("(i)", value); }
+GVariant* IntegerToVariant(int value) { return TupleOf({g_variant_new_int32(value)}); }
 
 int VariantToInteger(GVariant* value) {
-  int result = 0;
-  if (IsOfType(value, "(i)")) g_variant_get(value, "(i)", &result);
-  return result;
+  if (!IsOfType(value, "(i)")) return 0;
+  GVariantPtr child(g_variant_get_child_value(value, 0));
+  return g_variant_get_int32(child.get());
 }
 
 GVariant* StringToVariant(const std::string& text) {
   const std::string encoded =
       base64_encode(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()));
-  return g_variant_new("(s)", encoded.c_str());
+  return TupleOf({g_variant_new_string(encoded.c_str())});
 }
 
 std::string VariantToString(GVariant* value) { return TextOf(value); }
 
+// Both directions write straight into the std::string with GLib's step
+// functions, as g_base64_encode/g_base64_decode do into a buffer of their own,
+// saving that buffer and the copy out of it.
 std::string base64_encode(const unsigned char* data, unsigned int length) {
   std::string result;
   if (data == nullptr && length != 0) return result;  // GLib would refuse it with a critical
-  GCharPtr encoded(g_base64_encode(data, length));
-  if (encoded) result.assign(encoded.get());
+  result.resize((length / 3 + 1) * 4);
+  gint state = 0;
+  gint save = 0;
+  auto* out = &result[0];
+  gsize written = g_base64_encode_step(data, length, FALSE, out, &state, &save);
+  written += g_base64_encode_close(FALSE, out + written, &state, &save);
+  result.resize(written);
   return result;
 }
 
-std::string base64_decode(const std::string& text) {
-  std::string result;
-  gsize length = 0;
-  GCharPtr decoded(reinterpret_cast<gchar*>(g_base64_decode(text.c_str(), &length)));
-  if (decoded && length != 0) result.assign(decoded.get(), length);
-  return result;
-}
+std::string base64_decode(const std::string& text) { return DecodeBase64(text.data(), text.size()); }
 
 GVariant* ProfilesToVariant(const std::vector<SessionProfile>& profiles) {
   GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_TUPLE);
@@ -118,49 +152,34 @@ std::vector<SessionProfile> VariantToProfiles(GVariant* value) {
 }
 
 GVariant* ProfileWithStatusToVariant(const SessionProfile& profile, int status) {
-  const std::string encoded = base64_encode(reinterpret_cast<const unsigned char*>(profile.name.data()),
-                                            static_cast<unsigned int>(profile.name.size()));
-  return g_variant_new("(@ayqq)", ByteArrayOf(encoded), static_cast<guint16>(profile.id),
-                       static_cast<guint16>(status));
+  return TupleOf({Base64ByteArrayOf(profile.name), g_variant_new_uint16(static_cast<guint16>(profile.id)),
+                  g_variant_new_uint16(static_cast<guint16>(status))});
 }
 
 bool VariantToProfileWithStatus(GVariant* value, SessionProfile& profile, int& status) {
   if (!IsOfType(value, "(ayqq)")) return false;
-  GVariant* array = nullptr;
-  guint16 id = 0;
-  guint16 state = 0;
-  g_variant_get(value, "(@ayqq)", &array, &id, &state);
-  GVariantPtr owned(array);
+  GVariantPtr array(g_variant_get_child_value(value, 0));
   std::string name;
-  if (!DecodeByteArray(owned.get(), name)) return false;
+  if (!DecodeByteArray(array.get(), name)) return false;
   profile.name = std::move(name);
-  profile.id = id;
-  status = state;
+  profile.id = Uint16Child(value, 1);
+  status = Uint16Child(value, 2);
   return true;
 }
 
 GVariant* SerializeIntoGVariant(const std::string& data, int number) {
-  const std::string encoded =
-      base64_encode(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned int>(data.size()));
-  return g_variant_new("(@ayq)", ByteArrayOf(encoded), static_cast<guint16>(number));
+  return TupleOf({Base64ByteArrayOf(data), g_variant_new_uint16(static_cast<guint16>(number))});
 }
 
-GVariant* SerializeIntoGVariant(const std::string& data) {
-  const std::string encoded =
-      base64_encode(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned int>(data.size()));
-  return g_variant_new("(@ay)", ByteArrayOf(encoded));
-}
+GVariant* SerializeIntoGVariant(const std::string& data) { return TupleOf({Base64ByteArrayOf(data)}); }
 
 bool DeserializeDataFromGVariant(GVariant* value, std::string& data, int& number) {
   if (!IsOfType(value, "(ayq)")) return false;
-  GVariant* array = nullptr;
-  guint16 carried = 0;
-  g_variant_get(value, "(@ayq)", &array, &carried);
-  GVariantPtr owned(array);
+  GVariantPtr array(g_variant_get_child_value(value, 0));
   std::string decoded;
-  if (!DecodeByteArray(owned.get(), decoded)) return false;
+  if (!DecodeByteArray(array.get(), decoded)) return false;
   data = std::move(decoded);
-  number = carried;
+  number = Uint16Child(value, 1);
   return true;
 }
 

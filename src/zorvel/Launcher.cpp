@@ -322,7 +322,12 @@ void Launcher::SetSignalCallbacks() {
     guint16 id = 0;
     guint16 state = 0;
     // A payload of another type leaves both numbers at 0.
-    if (g_variant_is_of_type(payload, G_VARIANT_TYPE("(qq)"))) g_variant_get(payload, "(qq)", &id, &state);
+    if (g_variant_is_of_type(payload, G_VARIANT_TYPE("(qq)"))) {
+      common::GVariantPtr first(g_variant_get_child_value(payload, 0));
+      common::GVariantPtr second(g_variant_get_child_value(payload, 1));
+      id = g_variant_get_uint16(first.get());
+      state = g_variant_get_uint16(second.get());
+    }
     const auto callback = Copy(onConnectionAvailableCallback_);
     if (!callback) return;
     ZV_LOGI("Execute Instance ConnectionAvailable callback: id[%d] state[%d]", id, state);
