@@ -1,12 +1,25 @@
 // Payload formats of the link with the daemon (golden wire forms, round trips,
-// hostile input, the log lines of the profile list), the log sink and thread ids.
+// hostile input, the log lines of the profile list), the log sink, the
+// journal's wire form and thread ids.
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <climits>
+#include <cstdint>
+#include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <regex>
 #include <set>
 #include <stdexcept>
@@ -17,9 +30,11 @@
 
 #include <common/GLibPtr.h>
 #include <common/GLibUtils.h>
+#include <platform/Journal.h>
 #include <platform/SystemLog.h>
 
 #include "support/LogCapture.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -324,6 +339,196 @@ TEST_F(SystemLog, SinksCanBeSwappedWhileOtherThreadsLog) {
   platform::SetLogSink({});
   EXPECT_EQ(first.use_count() + second.use_count(), 2) << "a replaced sink outlived the threads that ran it";
   EXPECT_FALSE(first->Lines().empty());
+}
+
+// The default output, seen where journald would see it.
+
+using JournalFields = std::map<std::string, std::string>;
+
+// One entry of the journal's native protocol: "KEY=value\n" or "KEY\n" +
+// 64-bit little-endian length + value + "\n". Empty when malformed.
+JournalFields ParseJournalEntry(const std::string& data) {
+  JournalFields fields;
+  std::size_t at = 0;
+  while (at < data.size()) {
+    const std::size_t end = data.find('\n', at);
+    if (end == std::string::npos) return {};
+    const std::size_t equals = data.find('=', at);
+    if (equals < end) {
+      fields[data.substr(at, equals - at)] = data.substr(equals + 1, end - equals - 1);
+      at = end + 1;
+      continue;
+    }
+    const std::size_t value = end + 1 + 8;
+    if (value > data.size()) return {};
+    std::uint64_t length = 0;
+    for (std::size_t i = value; i-- > end + 1;) length = length << 8 | static_cast<unsigned char>(data[i]);
+    if (length >= data.size() - value || data[value + length] != '\n') return {};
+    fields[data.substr(at, end - at)] = data.substr(value, length);
+    at = value + length + 1;
+  }
+  return fields;
+}
+
+std::string Describe(const JournalFields& fields) {
+  std::string text;
+  for (const auto& field : fields) {
+    text += field.first + "=" + (field.second.size() > 80 ? field.second.substr(0, 80) + "... (" +
+                                     std::to_string(field.second.size()) + " bytes)"
+                                                           : field.second) + "\n";
+  }
+  return text;
+}
+
+struct JournalEntry {
+  JournalFields fields;
+  bool inMemfd = false;
+  bool sealed = false;  // against every change, as journald requires
+};
+
+// A datagram socket standing in for journald's, with the library's writer
+// pointed at it while this lives.
+class FakeJournal {
+ public:
+  FakeJournal() {
+    char dir[] = "/tmp/zorvel-journal-XXXXXX";
+    if (mkdtemp(dir) != nullptr) dir_ = dir;
+    path_ = dir_ + "/socket";
+    Bind();
+    platform::detail::SetJournalPathForTesting(path_.c_str());
+  }
+  ~FakeJournal() {
+    platform::detail::SetJournalPathForTesting(nullptr);
+    Close();
+    rmdir(dir_.c_str());
+  }
+  FakeJournal(const FakeJournal&) = delete;
+  FakeJournal& operator=(const FakeJournal&) = delete;
+
+  void Bind() {
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path_.c_str());
+    EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
+        << path_ << ": " << std::strerror(errno);
+  }
+  // As journald going away: its socket and its path are gone.
+  void Close() {
+    if (fd_ < 0) return;
+    close(fd_);
+    unlink(path_.c_str());
+    fd_ = -1;
+  }
+  // The next entry, waiting at most `timeoutMs` for it.
+  std::optional<JournalEntry> Receive(int timeoutMs) {
+    pollfd ready{fd_, POLLIN, 0};
+    if (poll(&ready, 1, timeoutMs) != 1) return std::nullopt;
+    std::string data(256 * 1024, '\0');
+    iovec buffer{&data[0], data.size()};
+    union {
+      cmsghdr header;
+      char space[CMSG_SPACE(sizeof(int))];
+    } control{};
+    msghdr message{};
+    message.msg_iov = &buffer;
+    message.msg_iovlen = 1;
+    message.msg_control = control.space;
+    message.msg_controllen = sizeof control.space;
+    const ssize_t size = recvmsg(fd_, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (size < 0) return std::nullopt;
+    data.resize(static_cast<std::size_t>(size));
+    JournalEntry entry;
+    const cmsghdr* rights = CMSG_FIRSTHDR(&message);
+    if (rights != nullptr && rights->cmsg_level == SOL_SOCKET && rights->cmsg_type == SCM_RIGHTS) {
+      int memfd = -1;
+      std::memcpy(&memfd, CMSG_DATA(rights), sizeof memfd);
+      entry.inMemfd = true;
+      EXPECT_EQ(size, 0) << "a datagram carrying a memfd carries nothing else";
+      const int all = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
+      entry.sealed = (fcntl(memfd, F_GET_SEALS) & all) == all;
+      struct stat info {};
+      fstat(memfd, &info);
+      data.assign(static_cast<std::size_t>(info.st_size), '\0');
+      for (std::size_t done = 0; done < data.size();) {
+        const ssize_t got = pread(memfd, &data[done], data.size() - done, static_cast<off_t>(done));
+        if (got <= 0) break;
+        done += static_cast<std::size_t>(got);
+      }
+      close(memfd);
+    }
+    entry.fields = ParseJournalEntry(data);
+    return entry;
+  }
+
+ private:
+  std::string dir_;
+  std::string path_;
+  int fd_ = -1;
+};
+
+TEST_F(SystemLog, DefaultOutputSendsTheFourJournalFieldsOfAnyLineWhateverItsBytesAndSize) {
+  FakeJournal journal;
+  std::string huge(1 << 20, '\0');  // far beyond a datagram: goes in a memfd
+  for (std::size_t i = 0; i < huge.size(); ++i) huge[i] = static_cast<char>('a' + i % 26);
+  huge[4242] = '\n';
+  struct Case {
+    LogBuffer buffer;
+    LogPriority priority;
+    std::string tag, text, bufferName, priorityValue;
+  };
+  const Case cases[] = {
+      {LogBuffer::kSystem, LogPriority::kInfo, "zorvel.common", "plain line", "system", "6"},
+      {LogBuffer::kMain, LogPriority::kWarning, "zorvel.zorvel", "two\nlines, \"quoted\", raw \xff\x80 bytes", "main",
+       "4"},
+      {LogBuffer::kSystem, LogPriority::kError, "zorvel.dbus_client", "failed", "system", "3"},
+      {LogBuffer::kMain, LogPriority::kInfo, "odd\ntag=", "a tag with a line feed", "main", "6"},
+      {LogBuffer::kSystem, LogPriority::kInfo, "zorvel.common", huge, "system", "6"},
+  };
+  for (const Case& line : cases) {
+    SCOPED_TRACE(line.text.substr(0, 40));
+    platform::LogPrint(line.buffer, line.priority, line.tag.c_str(), "%s", line.text.c_str());
+    const std::optional<JournalEntry> entry = journal.Receive(10000);
+    ASSERT_TRUE(entry.has_value()) << "nothing reached the socket";
+    const JournalFields expected = {{"MESSAGE", line.text},
+                                    {"PRIORITY", line.priorityValue},
+                                    {"SYSLOG_IDENTIFIER", line.tag},
+                                    {"ZORVEL_LOG_BUFFER", line.bufferName}};
+    EXPECT_TRUE(entry->fields == expected) << Describe(entry->fields);
+    EXPECT_EQ(entry->inMemfd, line.text.size() == huge.size());
+    EXPECT_TRUE(!entry->inMemfd || entry->sealed) << "the memfd can still change";
+  }
+}
+
+TEST_F(SystemLog, DefaultOutputDropsLinesWhileNoJournalListensAndFollowsARestartedOne) {
+  FakeJournal journal;
+  Log("first");
+  ASSERT_TRUE(journal.Receive(10000).has_value());
+
+  // journald restarting: its new socket is there by the next line, which
+  // must not be lost.
+  journal.Close();
+  journal.Bind();
+  Log("after a restart");
+  std::optional<JournalEntry> entry = journal.Receive(10000);
+  ASSERT_TRUE(entry.has_value()) << "the line after a restart was lost";
+  EXPECT_EQ(entry->fields["MESSAGE"], "after a restart");
+
+  journal.Close();
+  Log("nobody listens");
+  Log("still nobody");
+  EXPECT_FALSE(platform::detail::JournalReachable());
+
+  // Back after a while: found again by a later line.
+  journal.Bind();
+  std::string received;
+  EXPECT_TRUE(zv_client::testing::WaitUntil([&] {
+    Log("anybody?");
+    entry = journal.Receive(0);
+    if (entry) received = entry->fields["MESSAGE"];
+    return entry.has_value();
+  })) << "lines never reached the journal again";
+  EXPECT_EQ(received, "anybody?");
 }
 
 TEST(ThreadId, IsStablePerThreadAndDistinctAcrossThreadsAliveTogether) {

@@ -10,9 +10,9 @@ namespace platform {
 enum class LogBuffer { kMain, kSystem };
 enum class LogPriority { kInfo, kWarning, kError };
 
-// Writes one formatted line to the system log (the systemd journal when the
-// library was built with libsystemd, syslog(3) otherwise), or to the sink
-// installed with SetLogSink.
+// Writes one formatted line to the system log (the systemd journal), or to
+// the sink installed with SetLogSink. Without a sink and with no journal
+// listening, the line is dropped before it is formatted.
 ZORVEL_API void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag,
                          const char* format, ...) __attribute__((format(printf, 4, 5)));
 
