@@ -1,8 +1,5 @@
-// The command layer on a private bus with zorvel-sim: holding, replaying, dropping, restoring, and
-// the races it must survive (each such test hangs, or crashes under the sanitizers, without its
-// guard). Log lines are matched as the library writes them.
-
-#include <gtest/gtest.h>
+// The command layer: holding, replaying, dropping, restoring, and the races it must survive
+// (each such test hangs, or crashes under the sanitizers, without its guard).
 
 #include <algorithm>
 #include <array>
@@ -19,8 +16,7 @@
 #include "support/BusTest.h"
 #include "support/VariantProbe.h"
 
-namespace zv_client {
-namespace testing {
+namespace zv_client::testing {
 namespace {
 
 using dbus::client::DBusClientAsync;
@@ -36,14 +32,6 @@ const Found kStored{{7, "Stored"}, {8, "Other"}};
 const Strings kMethods{"init", "deinit", "connect", "startBroadcast", "stopBroadcast", "deleteStoredProfile",
                        "readProfiles"};
 enum Disruption { kNameRestart, kNameGone, kProcessRestart, kFound, kClosing, kDisconnect, kBadReply, kKinds };
-
-std::vector<LogLine> LinesWith(const LogCapture& logs, const std::string& substring) {
-  std::vector<LogLine> found;
-  for (const LogLine& line : logs.Lines()) {
-    if (line.text.find(substring) != std::string::npos) found.push_back(line);
-  }
-  return found;
-}
 
 GVariant* ParamsFor(const std::string& method, Probes& probes) {
   if (method != "connect" && method != "startBroadcast" && method != "deleteStoredProfile") return nullptr;
@@ -73,7 +61,7 @@ bool Balanced(const DBusClientAsync::Counts& c) {
 
 class TheCommandLayer : public BusTest {
  protected:
-  SimOptions SimArguments() const override { return {kStored, {}, 20, {}}; }
+  SimOptions SimArguments() const override { return {kStored, {}, 20}; }
 
 
   std::unique_ptr<DBusClientAsync> NewClient(std::size_t readyCount = 1) {  // waits for the readyCount-th readiness
@@ -102,19 +90,13 @@ class TheCommandLayer : public BusTest {
     for (const auto& [method, params] : commands) ASSERT_TRUE(client.Call(method, params, nullptr, -1));
     ASSERT_TRUE(logs().WaitFor(last, before + 1)) << logs().Dump();
   }
-  // The daemon's calls as "method(arguments)", once the client is idle.
+  // The daemon's calls once the client is idle.
   Strings Calls(DBusClientAsync& client) {
     EXPECT_TRUE(WaitUntil([&] { return client.GetCounts().inFlight == 0; }));
-    Strings calls;
-    for (const SimCall& call : control().GetCalls()) {
-      const bool none = !call.args || g_variant_n_children(call.args.get()) == 0;
-      calls.push_back(call.method + (none ? "()" : common::GCharPtr(g_variant_print(call.args.get(), FALSE)).get()));
-    }
-    return calls;
+    return control().CallTexts();
   }
-  // Workers issue random commands, params handed over floating, sunk, or floating with a reference the
-  // caller keeps, while `next` picks disruptions (-1 ends). Then the client must come back, every
-  // accepted command must have ended exactly once and every handed-over reference be gone.
+  // Workers issue random commands (params floating, sunk, or with a reference the caller keeps) while
+  // `next` picks disruptions (-1 ends); then every accepted command has ended once, every reference gone.
   DBusClientAsync::Counts Storm(const std::function<int()>& next, Clock::time_point end = Clock::time_point::max()) {
     DBusClientAsync::Counts counts;
     std::mutex probesMutex;
@@ -202,7 +184,7 @@ TEST_F(TheCommandLayer, AcceptsKnownCommandsAtOnceAndRunsEachOnAThreadOfItsOwn) 
   EXPECT_FALSE(client->Call("ReadProfiles", nullptr, &untouched, -1));
   EXPECT_FALSE(client->Call("noSuchMethod", refused.variant(), nullptr, -1));
   EXPECT_EQ(untouched, nullptr);
-  const auto refusal = LinesWith(logs(), "DBusClientAsync::Call cann't find method [ReadProfiles]");
+  const auto refusal = logs().Lines("DBusClientAsync::Call cann't find method [ReadProfiles]");
   ASSERT_EQ(refusal.size(), 1u) << logs().Dump();
   EXPECT_EQ(refusal[0].priority, platform::LogPriority::kError);
   EXPECT_TRUE(logs().Contains("DBusClientAsync::Call cann't find method [noSuchMethod]"));
@@ -218,7 +200,7 @@ TEST_F(TheCommandLayer, AcceptsKnownCommandsAtOnceAndRunsEachOnAThreadOfItsOwn) 
   EXPECT_EQ(slot, sentinel);
   g_variant_unref(sentinel);
   EXPECT_TRUE(logs().Contains("\"Read profiles size[2]\""));
-  const auto started = LinesWith(logs(), "\"ExecuteCommand[readProfiles] STARTED IsReady[1]");
+  const auto started = logs().Lines("\"ExecuteCommand[readProfiles] STARTED IsReady[1]");
   ASSERT_EQ(started.size(), 1u) << logs().Dump();
   EXPECT_EQ(started[0].text.find("thd: " + logt::thread_id() + " "), std::string::npos) << "ran on the caller's thread";
 }
@@ -278,7 +260,7 @@ TEST_F(TheCommandLayer, DisconnectKeepsTheLinkAndALossWithCommandsHeldRestoresIt
 TEST_F(TheCommandLayer, DropsARepeatedCommandWhetherItJustRanOrIsAlreadyHeld) {
   auto client = NewClient();
   const auto onMainBuffer = [&](const std::string& text) {
-    const auto lines = LinesWith(logs(), text);
+    const auto lines = logs().Lines(text);
     return lines.size() == 1 && lines[0].buffer == platform::LogBuffer::kMain;
   };
   const auto run = [&](const std::string& method, GVariant* params, int timeout = -1) {
@@ -362,8 +344,7 @@ TEST_F(TheCommandLayer, ConnectsThroughOneRetryTimerAndRestoresOneTaskAtATime) {
 }
 
 TEST_F(TheCommandLayer, SurvivesDeliveryHandlersThatDisconnectWhileTheDaemonAnnouncesItsClosing) {
-  // "onDbusClosing" holds the signal dispatch while a read gets its reply, then
-  // disconnects; the read's "onFound" handlers disconnect on the command thread.
+  // onDbusClosing holds the dispatch while a read is answered; its onFound handlers disconnect too.
   std::atomic<int> delivered{0};
   std::atomic<bool> closed{false}, readWhileClosing{false};
   auto client = NewClient();
@@ -443,8 +424,8 @@ TEST_F(TheCommandLayer, SurvivesClientsCreatedAndDestroyedWhileTheDaemonRestarts
   for (int round = 0; round < 30; ++round) {
     const std::size_t attempts = logs().Count("Try to connect to DBus server"), reports = logs().Count("\"IpcReady [");
     auto client = NewClient(0);
-    // Destroyed before its timer fired (0), as it fires (1), after the first report with commands running (2),
-    // with commands just accepted and a restoration starting (3), with a read racing the first connect (4).
+    // Destroyed before its timer fired, as it fires, after the first report with commands running,
+    // with a restoration starting, with a read racing the first connect.
     const int kind = round % 5;
     EXPECT_TRUE((kind != 1 && kind != 4) || logs().WaitFor("Try to connect to DBus server", attempts + 1));
     for (const std::string& method : kind == 2 || kind == 3 ? kMethods : std::vector<std::string>{}) {
@@ -489,5 +470,4 @@ TEST_F(CommandLayerSoak, KeepsEveryCommandAccountedForUnderRandomCommandsRestart
 }
 
 }  // namespace
-}  // namespace testing
-}  // namespace zv_client
+}  // namespace zv_client::testing

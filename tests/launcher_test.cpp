@@ -1,21 +1,10 @@
-// The Launcher end to end against the sim: lifecycle, what each command
-// answers and sends, the shared client's replacement and teardown, daemon
-// restarts, and the daemon's signals reaching the application's callbacks.
+// The Launcher end to end: lifecycle, what each command answers and sends, the shared
+// client's replacement and teardown, daemon restarts, signals reaching the callbacks.
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
 #include <future>
-#include <memory>
-#include <mutex>
 #include <regex>
-#include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
-#include <common/GLibPtr.h>
 #include <common/GLibUtils.h>
 #include <dbus/client/DBusClientAsync.h>
 #include <zorvel/Launcher.h>
@@ -23,8 +12,7 @@
 
 #include "support/BusTest.h"
 
-namespace zv_client {
-namespace testing {
+namespace zv_client::testing {
 namespace {
 
 using dbus::client::DBusClientAsync;
@@ -36,7 +24,6 @@ using Texts = std::vector<std::string>;
 
 constexpr char kNotInited[] = "Launcher is not inited. Please check your call sequence";
 
-// Callback arguments, recorded from whatever thread delivers them.
 template <typename T>
 class Recorder {
  public:
@@ -56,16 +43,6 @@ class Recorder {
   mutable std::mutex mutex_;
   std::vector<T> items_;
 };
-
-// "method args" for each call the sim received, e.g. "connect (7,)".
-Texts Described(const std::vector<SimCall>& calls) {
-  Texts described;
-  for (const SimCall& call : calls) {
-    common::GCharPtr args(g_variant_print(call.args.get(), FALSE));
-    described.push_back(call.method + " " + (g_variant_n_children(call.args.get()) == 0 ? "()" : args.get()));
-  }
-  return described;
-}
 
 // Takes the pool lock: not for use while the sim sits on a reply.
 DBusClientAsync::Counts CurrentCounts() {
@@ -90,7 +67,7 @@ GVariant* EmptyBytes() { return g_variant_new_array(G_VARIANT_TYPE_BYTE, nullptr
 
 class LauncherTest : public BusTest {
  protected:
-  SimOptions SimArguments() const override { return {{{1, "One"}, {2, "Two"}}, {}, 50, {}}; }
+  SimOptions SimArguments() const override { return {{{1, "One"}, {2, "Two"}}, {}, 50}; }
 
   // Init, then wait until the command layer is ready for the `count`th time.
   ::testing::AssertionResult InitReady(Launcher& launcher, std::size_t count = 1) {
@@ -103,8 +80,7 @@ class LauncherTest : public BusTest {
     launcher.SetOnConnectionAvailable([this](int id, bool state) { available_.Add({id, state}); });
   }
   bool WaitPooled(const std::string& method) { return logs().WaitFor("move command[" + method + "] into pool"); }
-  // Issues one queued command and waits until the daemon has it, so that the
-  // next one cannot overtake it (command threads race for the pool).
+  // Waits until the daemon has the command: command threads race for the pool.
   void Send(const std::string& method, const std::function<void()>& command) {
     const std::size_t before = control().CallsOf(method).size();
     command();
@@ -170,7 +146,7 @@ TEST_F(LauncherTest, InitWorksOnceDeinitChangesNothingAndCommandsRefuseWithoutIn
   EXPECT_EQ(CurrentClient(), nullptr);
   ExpectAllRefused(launcher);
   EXPECT_EQ(logs().Count(kNotInited), 15u);
-  EXPECT_EQ(Described(control().GetCalls()), Texts{"deinit ()"});
+  EXPECT_EQ(control().CallTexts(), Texts{"deinit()"});
 }
 
 TEST_F(LauncherTest, StopAndStopBroadcastReturnTheDaemonsAnswerAndFailAtOnceWhileItIsNotReady) {
@@ -193,7 +169,10 @@ TEST_F(LauncherTest, StopAndStopBroadcastReturnTheDaemonsAnswerAndFailAtOnceWhil
   control().SetAnswer("stopBroadcast", 7);
   EXPECT_EQ(launcher.StopBroadcast(), 7);
   EXPECT_TRUE(logs().Contains("##### Extracted int: [7] #########"));
-  EXPECT_EQ(Described(control().GetCalls()), (Texts{"deinit ()", "stopBroadcast ()"}));
+  control().SetNoReply("stopBroadcast");  // a direct call gives up on its own
+  EXPECT_EQ(launcher.StopBroadcast(), -1);
+  EXPECT_EQ(logs().Count("Failed to call D-Bus for Zorvel daemon, error = "), 1u);
+  EXPECT_EQ(control().CallTexts(), (Texts{"deinit()", "stopBroadcast()", "stopBroadcast()"}));
 }
 
 TEST_F(LauncherTest, QueuedCommandsCarryTheirArgumentsAndConnectWaitsForTheBroadcastToStartOrStop) {
@@ -213,9 +192,9 @@ TEST_F(LauncherTest, QueuedCommandsCarryTheirArgumentsAndConnectWaitsForTheBroad
   ASSERT_TRUE(WaitPooled("connect"));  // StopBroadcast dropped readiness until a new owner
   control().Restart();
   ASSERT_TRUE(control().WaitForCall("connect", 3));
+  EXPECT_EQ(control().CallTexts(), (Texts{"connect(7,)", "startBroadcast(0,)", "connect(8,)", "deleteStoredProfile(-3,)",
+                                          "readProfiles()", "stopBroadcast()", "connect(9,)"}));
   const std::vector<SimCall> calls = control().GetCalls();
-  EXPECT_EQ(Described(calls), (Texts{"connect (7,)", "startBroadcast (0,)", "connect (8,)", "deleteStoredProfile (-3,)",
-                                     "readProfiles ()", "stopBroadcast ()", "connect (9,)"}));
   for (const SimCall& call : calls) EXPECT_EQ(call.sender, calls.front().sender);
 }
 
@@ -257,8 +236,7 @@ TEST_F(LauncherTest, QueuedCommandsReturnAtOnceAndDestroyingTheLauncherWithThemI
   launcher->SetOnConnectionAvailable([&](int, bool) { lateCalls += destroyed ? 1 : 0; });
   ASSERT_TRUE(InitReady(*launcher));
 
-  // readProfiles is answered while the teardown runs, so its deliveries race
-  // it; deleteStoredProfile is never answered, yet every command returns.
+  // readProfiles' deliveries race the teardown; deleteStoredProfile is never answered.
   control().SetDelay("readProfiles", 700);
   control().SetNoReply("deleteStoredProfile");
   EXPECT_TRUE(launcher->ReadProfiles().empty());
@@ -289,23 +267,19 @@ TEST_F(LauncherTest, CommandsHeldWhileTheDaemonIsAwayAreSentOnceInOrderToTheNewO
   ASSERT_TRUE(logs().WaitFor("IpcReady [0]"));
   control().SetNoReply("deleteStoredProfile", false);
 
-  // One at a time, so that the pool's order is the order of the calls.
-  EXPECT_EQ(launcher.Connect(7), 0);
-  ASSERT_TRUE(WaitPooled("connect"));
-  EXPECT_EQ(launcher.StartBroadcast(true), 0);
-  ASSERT_TRUE(WaitPooled("startBroadcast"));
-  EXPECT_EQ(launcher.DeleteStoredProfile(3), 0);
-  ASSERT_TRUE(WaitPooled("deleteStoredProfile"));
-  EXPECT_TRUE(launcher.ReadProfiles().empty());
-  ASSERT_TRUE(WaitPooled("readProfiles"));
+  const std::pair<const char*, std::function<void()>> held[] = {{"connect", [&] { launcher.Connect(7); }},
+      {"deleteStoredProfile", [&] { launcher.DeleteStoredProfile(3); }}, {"readProfiles", [&] { launcher.ReadProfiles(); }}};
+  for (const auto& [method, command] : held) {  // one at a time: the pool's order is the calls' order
+    command();
+    ASSERT_TRUE(WaitPooled(method));
+  }
 
   control().AcquireName();
   ASSERT_TRUE(logs().WaitFor("IpcReady command[readProfiles] FINISHED"));
   Send("deleteStoredProfile", [&] { launcher.DeleteStoredProfile(5); });  // nothing else is on its way
-  EXPECT_EQ(Described(control().GetCalls()),
-            (Texts{"deleteStoredProfile (4,)", "connect (7,)", "startBroadcast (1,)", "deleteStoredProfile (3,)",
-                   "readProfiles ()", "deleteStoredProfile (5,)"}));
-  EXPECT_EQ(CurrentCounts().replayed, 4u);
+  EXPECT_EQ(control().CallTexts(), (Texts{"deleteStoredProfile(4,)", "connect(7,)", "deleteStoredProfile(3,)",
+                                          "readProfiles()", "deleteStoredProfile(5,)"}));
+  EXPECT_EQ(CurrentCounts().replayed, 3u);
 }
 
 TEST_F(LauncherTest, OnFoundDeliversIdAndNameAfterItsLogLineAndDropsMalformedPayloads) {
@@ -325,12 +299,9 @@ TEST_F(LauncherTest, OnFoundDeliversIdAndNameAfterItsLogLineAndDropsMalformedPay
   ASSERT_TRUE(found_.WaitForSize(2));
   EXPECT_TRUE(loggedBefore);
   EXPECT_EQ(found_.Items(), (std::vector<Found>{{12, "Kitchen speaker"}, {13, "Hall display"}}));
-  std::size_t errors = 0;
-  for (const LogLine& line : logs().Lines()) {
-    const bool failed = line.text.find("> Failed to deserialize data") != std::string::npos;
-    errors += failed && line.priority == platform::LogPriority::kError ? 1 : 0;
-  }
-  EXPECT_EQ(errors, 5u);
+  const auto errors = logs().Lines("> Failed to deserialize data");
+  EXPECT_EQ(errors.size(), 5u);
+  for (const LogLine& line : errors) EXPECT_EQ(line.priority, platform::LogPriority::kError) << line.text;
 }
 
 TEST_F(LauncherTest, OnCancelAndOnConnectionAvailablePassTheirNumbersAndSurviveMalformedPayloads) {
@@ -412,8 +383,7 @@ TEST_F(LauncherTest, SettersMayRaceDeliveriesFromOtherThreads) {
   control().SetInterval(2);
 
   std::thread setter([&] {
-    for (unsigned round = 0; !stop; ++round) {
-      // A capture on the heap (or none), so that a callable destroyed while it runs would show.
+    for (unsigned round = 0; !stop; ++round) {  // a heap capture shows a callable destroyed while it runs
       const std::string capture(round % 3 == 2 ? 0 : 40 + 40 * (round % 3), 'c');
       if (capture.empty()) {
         launcher.SetOnInstanceFoundCallback(nullptr);
@@ -427,8 +397,7 @@ TEST_F(LauncherTest, SettersMayRaceDeliveriesFromOtherThreads) {
     }
   });
 
-  // Broadcast deliveries on the main-loop thread, stored-profile deliveries
-  // on command threads, cancel and available events from the test thread.
+  // Deliveries on the loop thread (broadcast, cancel, available) and on command threads (stored profiles).
   EXPECT_EQ(launcher.StartBroadcast(true), 0);
   for (int round = 0; round < 20; ++round) {
     launcher.ReadProfiles();
@@ -446,9 +415,8 @@ TEST_F(LauncherTest, CallbacksMayReplaceThemselvesAndCallTheLauncherEvenStopBroa
   std::atomic<int> startResult{1000}, readSize{1000}, stopResult{1000};
   std::atomic<bool> read{false};
   Launcher launcher;
-  // connect -> available (7, true) -> StartBroadcast -> instance 101 found ->
-  // ReadProfiles -> stored profile 1 found, on a command thread -> StopBroadcast.
-  // The first callable replaces itself, then still uses its own capture.
+  // connect -> available -> StartBroadcast -> 101 found -> ReadProfiles -> 1 found (command thread) ->
+  // StopBroadcast. The first callable replaces itself, then still uses its own capture.
   launcher.SetOnConnectionAvailable([&, tag = std::string(64, 'a')](int, bool) {
     launcher.SetOnConnectionAvailable([&](int id, bool state) { available_.Add({id, state}); });
     startResult = launcher.StartBroadcast(tag.size() == 64);
@@ -467,13 +435,139 @@ TEST_F(LauncherTest, CallbacksMayReplaceThemselvesAndCallTheLauncherEvenStopBroa
   EXPECT_EQ(readSize, 0);
   EXPECT_EQ(stopResult, 4);
   EXPECT_EQ(found_.Items(), (std::vector<Found>{{1, "One"}, {2, "Two"}}));
-  EXPECT_EQ(Described(control().GetCalls()),
-            (Texts{"connect (7,)", "startBroadcast (1,)", "readProfiles ()", "stopBroadcast ()"}));
+  EXPECT_EQ(control().CallTexts(), (Texts{"connect(7,)", "startBroadcast(1,)", "readProfiles()", "stopBroadcast()"}));
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 9, 0));
   ASSERT_TRUE(available_.WaitForSize(1));
   EXPECT_EQ(available_.Items(), (std::vector<Available>{{9, false}}));
 }
 
+// A daemon that misbehaves and strangers that speak in its name: the library
+// must log, drop what it cannot use, never crash, and keep working.
+class HostileDaemon : public LauncherTest {
+ protected:
+  void SetUp() override {
+    LauncherTest::SetUp();
+    control().SetInstances({});  // a broadcast announces nothing: every onFound here is the test's own
+    Attach(launcher_);
+    ASSERT_TRUE(InitReady(launcher_));
+  }
+  // After a daemon restart: a connect request reaches the daemon and its answer the application.
+  void ExpectNextCommandWorks() {
+    const std::size_t before = control().CallsOf("connect").size(), events = available_.Items().size();
+    launcher_.StartBroadcast(false);  // clears the Connect guard
+    EXPECT_EQ(launcher_.Connect(42), 0);
+    EXPECT_TRUE(control().WaitForCall("connect", before + 1));
+    EXPECT_TRUE(available_.WaitForSize(events + 1));
+  }
+
+  Launcher launcher_;  // after what its callbacks touch
+};
+
+TEST_F(HostileDaemon, SurvivesRepliesOfTheWrongTypeToEveryMethod) {
+  // readProfiles answering (i), () and a count that is no text payload;
+  // startBroadcast between them gets past the duplicate guard.
+  for (GVariant* reply : {g_variant_new("(i)", 5), static_cast<GVariant*>(nullptr), g_variant_new("((i))", 1)}) {
+    control().SetReply("readProfiles", reply);
+    Send("startBroadcast", [&] { launcher_.StartBroadcast(false); });
+    Send("readProfiles", [&] { launcher_.ReadProfiles(); });
+  }
+  EXPECT_TRUE(logs().WaitFor("Exception was raised from connectionManager. Please check sequence"));
+  EXPECT_EQ(logs().Count("Read profiles size[0]"), 2u);  // one at a time: the first two are done
+  EXPECT_TRUE(found_.Items().empty());
+
+  // Integer methods answering a string or an empty body.
+  for (const char* method : {"connect", "startBroadcast", "deleteStoredProfile"}) {
+    control().SetReply(method, g_variant_new("(s)", "not a number"));
+  }
+  Send("startBroadcast", [&] { launcher_.StartBroadcast(true); });
+  Send("connect", [&] { EXPECT_EQ(launcher_.Connect(3), 0); });
+  Send("deleteStoredProfile", [&] { EXPECT_EQ(launcher_.DeleteStoredProfile(3), 0); });
+  control().SetReply("stopBroadcast", g_variant_new("(s)", "seven"));
+  control().SetReply("deinit", nullptr);
+  EXPECT_EQ(launcher_.Stop(), 0);
+  EXPECT_EQ(launcher_.StopBroadcast(), 0);  // decodes nothing: 0
+
+  for (const char* method : {"connect", "startBroadcast", "deleteStoredProfile", "readProfiles"}) {
+    control().ClearReply(method);
+  }
+  control().Restart();  // StopBroadcast left the layer waiting for a new owner
+  ExpectNextCommandWorks();
+  Send("readProfiles", [&] { launcher_.ReadProfiles(); });
+  EXPECT_TRUE(logs().WaitFor("Read profiles size[", 3));
+}
+
+TEST_F(HostileDaemon, DeliversHugeAndRawNamesAndSixteenBitIdsAndCopesWithTenThousandProfiles) {
+  const std::string huge(1 << 20, 'x');
+  const std::string binary("\xff\xfe\x00zorvel\x80", 10);  // NUL and not UTF-8
+  control().Emit("onFound", common::SerializeIntoGVariant(huge, 1));
+  control().Emit("onFound", common::SerializeIntoGVariant(binary, 2));
+  ASSERT_TRUE(WaitUntil([&] { return found_.Items().size() == 2; }));
+  EXPECT_EQ(found_.Items(), (std::vector<Found>{{1, huge}, {2, binary}}));
+
+  // A signature holds 255 characters: one reply carries at most 41 profiles. They
+  // arrive whole and in order, raw bytes included, each id in 16 bits: -5 as 65531.
+  std::vector<common::SessionProfile> stored;
+  std::vector<Found> expected = found_.Items();
+  for (int id = 0; id < 41; ++id) stored.push_back({"profile " + std::to_string(id), 40 - id});
+  stored[17].name = binary;
+  stored[18].name = huge;
+  stored[40].id = -5;
+  for (const common::SessionProfile& profile : stored) expected.emplace_back(profile.id & 0xffff, profile.name);
+  control().SetReply("readProfiles", common::ProfilesToVariant(stored));
+  Send("readProfiles", [&] { launcher_.ReadProfiles(); });
+  ASSERT_TRUE(WaitUntil([&] { return found_.Items().size() == expected.size(); }));
+  EXPECT_EQ(found_.Items(), expected);
+
+  // 10,000 stored profiles cannot be sent: the library logs the error and carries on.
+  control().ClearReply("readProfiles");
+  SimEntries many;
+  for (int id = 0; id < 10000; ++id) many.emplace_back(id, "profile " + std::to_string(id));
+  control().SetProfiles(many);
+  Send("startBroadcast", [&] { launcher_.StartBroadcast(false); });
+  Send("readProfiles", [&] { launcher_.ReadProfiles(); });
+  EXPECT_TRUE(logs().WaitFor("Command wasnot derived. It can be ok if timeout"));
+  EXPECT_TRUE(logs().Contains("LimitsExceeded"));
+  EXPECT_EQ(found_.Items().size(), expected.size());
+  ExpectNextCommandWorks();
+}
+
+TEST_F(HostileDaemon, NeverPassesAStrangersSignalsToTheApplication) {
+  common::GObjectPtr<GDBusConnection> systemBus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+  ASSERT_TRUE(systemBus);
+  const std::string application = g_dbus_connection_get_unique_name(systemBus.get());
+  for (const std::string& destination : {std::string(), application}) {  // broadcast and unicast
+    control().EmitAs("onFound", common::SerializeIntoGVariant("fake", 66), destination);
+    control().EmitAs("onCancel", common::ProfileWithStatusToVariant({"fake", 66}, 1), destination);
+    control().EmitAs("onConnectionAvailable", g_variant_new("(qq)", 66, 1), destination);
+    control().EmitAs("onDbusClosing", g_variant_new("(i)", 1), destination);
+  }
+  // A real signal after the fake ones: once it is in, the fakes would be too.
+  control().Emit("onFound", common::SerializeIntoGVariant("real", 7));
+  ASSERT_TRUE(WaitUntil([&] { return found_.Items().size() == 1; }));
+  EXPECT_EQ(found_.Items(), (std::vector<Found>{{7, "real"}}));
+  EXPECT_EQ(available_.Items().size() + cancelled_.Items().size(), 0u);
+  EXPECT_FALSE(logs().Contains("onDbusClosing emitted"));
+
+  // A stranger owning the name while the daemon is away is the daemon until it lets go.
+  control().ReleaseName();
+  common::GObjectPtr<GDBusConnection> claimer = OpenBusConnection();
+  for (const auto& [call, args] : {std::make_pair("RequestName", g_variant_new("(su)", "zorvel.dbus.service", 4U)),
+                                   std::make_pair("ReleaseName", g_variant_new("(s)", "zorvel.dbus.service"))}) {
+    common::GVariantPtr answer(g_dbus_connection_call_sync(claimer.get(), "org.freedesktop.DBus",
+                                                           "/org/freedesktop/DBus", "org.freedesktop.DBus", call, args,
+                                                           G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+                                                           nullptr));
+    ASSERT_TRUE(answer) << call;
+  }
+  control().AcquireName();
+  ExpectNextCommandWorks();  // the library follows the daemon again
+  g_dbus_connection_emit_signal(claimer.get(), nullptr, "/zorvel/dbus/service", "dbus.zorvel.Interface", "onFound",
+                                common::SerializeIntoGVariant("former", 67), nullptr);
+  g_dbus_connection_flush_sync(claimer.get(), nullptr, nullptr);
+  control().Emit("onFound", common::SerializeIntoGVariant("real again", 8));
+  ASSERT_TRUE(WaitUntil([&] { return found_.Items().size() >= 2; }));
+  EXPECT_EQ(found_.Items(), (std::vector<Found>{{7, "real"}, {8, "real again"}}));
+}
+
 }  // namespace
-}  // namespace testing
-}  // namespace zv_client
+}  // namespace zv_client::testing

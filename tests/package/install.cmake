@@ -25,6 +25,7 @@ set(expected
   share/dbus-1/interfaces/dbus.zorvel.Interface.xml)
 set(internal
   include/zorvel/platform/Log.h
+  include/zorvel/platform/Journal.h
   include/zorvel/dbus/client/CallbackAnchor.h
   include/zorvel/zorvel/LauncherTesting.h)
 foreach(file ${expected})

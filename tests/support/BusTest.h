@@ -12,16 +12,24 @@
 namespace zv_client {
 namespace testing {
 
-// Each test gets a fresh zorvel-sim (started in SetUp, after the log capture)
-// and a control client for it; TearDown stops the sim (which must exit with
-// 0) and fails the test if any child process is left. Override SimArguments
-// to seed the sim.
+// A fresh zorvel-sim per test (seeded by SimArguments), started after the log
+// capture; TearDown stops it, and it must exit with 0.
 class BusTest : public ::testing::Test {
  protected:
   virtual SimOptions SimArguments() const { return {}; }
 
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override {
+    sim_ = std::make_unique<SimProcess>(SimArguments());
+    ASSERT_TRUE(sim_->Running()) << "zorvel-sim did not start";
+    control_ = std::make_unique<SimControl>();
+  }
+  void TearDown() override {
+    control_.reset();
+    if (sim_ && sim_->Running()) {
+      EXPECT_EQ(sim_->Stop(), 0) << "zorvel-sim did not exit cleanly";
+    }
+    sim_.reset();
+  }
 
   LogCapture& logs() { return logs_; }
   SimProcess& sim() { return *sim_; }

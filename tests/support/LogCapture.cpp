@@ -29,18 +29,13 @@ LogCapture::LogCapture() : state_(std::make_shared<State>()) {
 
 LogCapture::~LogCapture() { platform::SetLogSink({}); }
 
-std::vector<LogLine> LogCapture::Lines() const {
+std::vector<LogLine> LogCapture::Lines(const std::string& substring) const {
   std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->lines;
-}
-
-std::size_t LogCapture::Count(const std::string& substring) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  std::size_t count = 0;
+  std::vector<LogLine> lines;
   for (const LogLine& line : state_->lines) {
-    if (line.text.find(substring) != std::string::npos) ++count;
+    if (line.text.find(substring) != std::string::npos) lines.push_back(line);
   }
-  return count;
+  return lines;
 }
 
 bool LogCapture::WaitFor(const std::string& substring, std::size_t count, std::chrono::milliseconds deadline) const {

@@ -28,8 +28,8 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<LogLine> Lines() const;
-  std::size_t Count(const std::string& substring) const;
+  std::vector<LogLine> Lines(const std::string& substring = "") const;  // those containing `substring`
+  std::size_t Count(const std::string& substring) const { return Lines(substring).size(); }
   bool Contains(const std::string& substring) const { return Count(substring) > 0; }
   // Waits until at least `count` lines contain `substring`.
   bool WaitFor(const std::string& substring, std::size_t count = 1,

@@ -1,18 +1,15 @@
 #include "support/PrivateBus.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <cstring>
 #include <mutex>
 #include <thread>
 
@@ -53,7 +50,6 @@ class PrivateBus {
   }
 
   const std::string& address() const { return address_; }
-  pid_t pid() const { return pid_; }
 
   void Stop() {
     std::lock_guard<std::mutex> lock(stopMutex_);
@@ -79,9 +75,11 @@ class PrivateBus {
                        "--print-address=" + std::to_string(fds[1]), "--address=unix:tmpdir=/tmp"},
                       fds[1]);
     close(fds[1]);
-    address_ = ReadLine(fds[0]);
-    close(fds[0]);
-    if (address_.empty()) Fatal("dbus-daemon printed no address");
+    FILE* printed = fdopen(fds[0], "r");  // EOF if the daemon dies first
+    char line[512] = "";
+    if (std::fgets(line, sizeof line, printed) == nullptr || line[0] == '\n') Fatal("dbus-daemon printed no address");
+    std::fclose(printed);
+    address_ = std::string(line, std::strcspn(line, "\n"));
 
     // Before GLib's first look at the system bus, which it never repeats.
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
@@ -95,20 +93,6 @@ class PrivateBus {
 
     loop_ = g_main_loop_new(g_main_context_default(), FALSE);
     loopThread_ = std::thread([this] { g_main_loop_run(loop_); });
-  }
-
-  static std::string ReadLine(int fd) {
-    std::string line;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < end) {
-      pollfd entry{fd, POLLIN, 0};
-      if (poll(&entry, 1, 100) <= 0) continue;
-      char c = 0;
-      if (read(fd, &c, 1) != 1) break;
-      if (c == '\n') return line;
-      line += c;
-    }
-    return {};
   }
 
   std::once_flag started_;
@@ -150,8 +134,6 @@ void ReceiveFromGLib(const void* handle) {
 
 const std::string& BusAddress() { return PrivateBus::Get().address(); }
 
-pid_t BusDaemonPid() { return PrivateBus::Get().pid(); }
-
 common::GObjectPtr<GDBusConnection> OpenBusConnection() { return Open(BusAddress()); }
 
 std::string NameOwner(const std::string& name) {
@@ -189,62 +171,6 @@ void RunOnMainLoop(const std::function<void()>& function) {
       &job);
   std::unique_lock<std::mutex> lock(job.mutex);
   job.done.wait(lock, [&] { return job.finished; });
-}
-
-struct MainLoopPause::State {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool parked = false;   // guarded by mutex
-  bool resumed = false;  // guarded by mutex
-};
-
-MainLoopPause::MainLoopPause() : state_(std::make_shared<State>()) {
-  PrivateBus::Get();
-  auto* handle = new std::shared_ptr<State>(state_);
-  PublishToGLib(handle);
-  g_main_context_invoke_full(
-      g_main_context_default(), G_PRIORITY_HIGH,
-      [](gpointer data) -> gboolean {
-        ReceiveFromGLib(data);
-        State& state = **static_cast<std::shared_ptr<State>*>(data);
-        std::unique_lock<std::mutex> lock(state.mutex);
-        state.parked = true;
-        state.changed.notify_all();
-        state.changed.wait(lock, [&] { return state.resumed; });
-        return G_SOURCE_REMOVE;
-      },
-      handle, [](gpointer data) { delete static_cast<std::shared_ptr<State>*>(data); });
-  std::unique_lock<std::mutex> lock(state_->mutex);
-  state_->changed.wait(lock, [&] { return state_->parked; });
-}
-
-void MainLoopPause::Resume() {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->resumed = true;
-  state_->changed.notify_all();
-}
-
-std::vector<pid_t> ChildProcesses() {
-  std::vector<pid_t> children;
-  const pid_t self = getpid();
-  const pid_t bus = PrivateBus::Get().pid();
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return children;
-  while (const dirent* entry = readdir(proc)) {
-    const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
-    if (pid <= 0 || pid == bus) continue;
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const auto close = text.rfind(')');  // the command name may hold anything
-    if (close == std::string::npos) continue;
-    char state = 0;
-    int ppid = 0;
-    if (std::sscanf(text.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == self) {
-      children.push_back(pid);
-    }
-  }
-  closedir(proc);
-  return children;
 }
 
 pid_t SpawnChild(const std::vector<std::string>& argv, int keepFd) {

@@ -1,6 +1,5 @@
 #include "support/Sim.h"
 
-#include <signal.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
@@ -16,8 +15,8 @@ namespace zv_client {
 namespace testing {
 namespace {
 
-namespace client = dbus::client;
-using client::kBusName;
+using dbus::client::kBusName;
+const std::string kSimBusName = "zorvel.sim";
 
 GVariant* EntriesToVariant(const SimEntries& entries) {
   GVariantBuilder builder;
@@ -35,25 +34,13 @@ GVariant* BodyOrEmpty(GVariant* body) {
 
 SimProcess::SimProcess(SimOptions options) : options_(std::move(options)) { Start(); }
 
-SimProcess::~SimProcess() { Stop(); }
-
 bool SimProcess::Start() {
-  const std::string path = ZORVEL_TEST_SIM_PATH;
-  if (path.empty()) {
-    ADD_FAILURE() << "zorvel-sim was not built with the tests";
-    return false;
-  }
-  if (Running()) {
-    ADD_FAILURE() << "zorvel-sim is already running as " << pid_;
-    return false;
-  }
   BusAddress();  // the child inherits DBUS_SYSTEM_BUS_ADDRESS
-  std::vector<std::string> argv{path};
+  std::vector<std::string> argv{ZORVEL_TEST_SIM_PATH};
   if (std::getenv("ZORVEL_TEST_SIM_VERBOSE") == nullptr) argv.push_back("--quiet");
   for (const auto& [id, name] : options_.profiles) argv.insert(argv.end(), {"--profile", std::to_string(id) + ":" + name});
   for (const auto& [id, name] : options_.instances) argv.insert(argv.end(), {"--instance", std::to_string(id) + ":" + name});
   if (options_.intervalMs != 0) argv.insert(argv.end(), {"--interval", std::to_string(options_.intervalMs)});
-  argv.insert(argv.end(), options_.extraArguments.begin(), options_.extraArguments.end());
   pid_ = SpawnChild(argv);
 
   int status = 0;
@@ -63,17 +50,13 @@ bool SimProcess::Start() {
     return exited || (!NameOwner(kSimBusName).empty() && !NameOwner(kBusName).empty());
   });
   if (exited || !up) {
-    ADD_FAILURE() << "zorvel-sim did not come up (" << (exited ? "exited" : "timed out") << ", status "
-                  << status << ")";
+    ADD_FAILURE() << "zorvel-sim (" << argv[0] << ") did not come up (" << (exited ? "exited" : "timed out")
+                  << ", status " << status << ")";
     if (exited) pid_ = -1;
     return false;
   }
   return true;
 }
-
-void SimProcess::Kill() { Terminate(SIGKILL); }
-
-int SimProcess::Stop() { return Terminate(SIGTERM); }
 
 int SimProcess::Terminate(int signal) {
   if (!Running()) return -1;
@@ -97,15 +80,13 @@ int SimProcess::Terminate(int signal) {
 
 SimControl::SimControl() : connection_(OpenBusConnection()) {}
 
-common::GVariantPtr SimControl::Invoke(const char* method, GVariant* parameters, bool failureExpected) {
+common::GVariantPtr SimControl::Invoke(const char* method, GVariant* parameters) {
   GError* rawError = nullptr;
   GVariant* reply = g_dbus_connection_call_sync(connection_.get(), kSimBusName.c_str(), "/zorvel/sim",
                                                 "zorvel.sim.Control", method, parameters, nullptr,
                                                 G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &rawError);
   common::GErrorPtr error(rawError);
-  if (reply == nullptr && !failureExpected) {
-    ADD_FAILURE() << "zorvel.sim.Control." << method << " failed: " << error->message;
-  }
+  if (reply == nullptr) ADD_FAILURE() << "zorvel.sim.Control." << method << " failed: " << error->message;
   return common::GVariantPtr(reply);
 }
 
@@ -152,8 +133,6 @@ std::vector<SimCall> SimControl::GetCalls() {
   return calls;
 }
 
-void SimControl::ClearCalls() { Invoke("ClearCalls", nullptr); }
-
 void SimControl::ReleaseName() { Invoke("ReleaseName", nullptr); }
 
 namespace {
@@ -169,23 +148,8 @@ std::string SimControl::AcquireName() { return StringOf(Invoke("AcquireName", nu
 
 std::string SimControl::Restart() { return StringOf(Invoke("Restart", nullptr)); }
 
-std::string SimControl::GetOwner() { return StringOf(Invoke("GetOwner", nullptr)); }
-
 void SimControl::SetProfiles(const SimEntries& profiles) {
   Invoke("SetProfiles", g_variant_new("(@a(is))", EntriesToVariant(profiles)));
-}
-
-SimEntries SimControl::GetProfiles() {
-  SimEntries entries;
-  const common::GVariantPtr reply = Invoke("GetProfiles", nullptr);
-  if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a(is))"))) return entries;
-  GVariantIter* iter = nullptr;
-  g_variant_get(reply.get(), "(a(is))", &iter);
-  gint32 id = 0;
-  const gchar* name = nullptr;
-  while (g_variant_iter_loop(iter, "(i&s)", &id, &name)) entries.emplace_back(id, name);
-  g_variant_iter_free(iter);
-  return entries;
 }
 
 void SimControl::SetInstances(const SimEntries& instances) {
@@ -193,10 +157,6 @@ void SimControl::SetInstances(const SimEntries& instances) {
 }
 
 void SimControl::SetInterval(unsigned ms) { Invoke("SetInterval", g_variant_new("(u)", ms)); }
-
-void SimControl::Quit() {
-  Invoke("Quit", nullptr, /*failureExpected=*/true);  // the sim may be gone before it answers
-}
 
 std::vector<SimCall> SimControl::CallsOf(const std::string& method) {
   std::vector<SimCall> calls = GetCalls();
@@ -207,25 +167,17 @@ std::vector<SimCall> SimControl::CallsOf(const std::string& method) {
   return matching;
 }
 
-bool SimControl::WaitForCall(const std::string& method, std::size_t count, std::chrono::milliseconds deadline) {
-  return WaitUntil([&] { return CallsOf(method).size() >= count; }, deadline);
+std::vector<std::string> SimControl::CallTexts() {
+  std::vector<std::string> texts;
+  for (const SimCall& call : GetCalls()) {
+    const bool none = g_variant_n_children(call.args.get()) == 0;
+    texts.push_back(call.method + (none ? "()" : common::GCharPtr(g_variant_print(call.args.get(), FALSE)).get()));
+  }
+  return texts;
 }
 
-Impostor::Impostor() : connection_(OpenBusConnection()) {}
-
-std::string Impostor::UniqueName() const { return g_dbus_connection_get_unique_name(connection_.get()); }
-
-bool Impostor::Emit(const std::string& member, GVariant* body, const std::string& destination) {
-  GVariant* parameters = body;
-  if (body == nullptr) {
-    parameters = g_variant_new_tuple(nullptr, 0);
-  } else if (!g_variant_is_of_type(body, G_VARIANT_TYPE_TUPLE)) {
-    parameters = g_variant_new_tuple(&body, 1);
-  }
-  const gboolean sent = g_dbus_connection_emit_signal(
-      connection_.get(), destination.empty() ? nullptr : destination.c_str(), client::kObjectPath.c_str(),
-      client::kInterfaceName.c_str(), member.c_str(), parameters, nullptr);
-  return sent && g_dbus_connection_flush_sync(connection_.get(), nullptr, nullptr);
+bool SimControl::WaitForCall(const std::string& method, std::size_t count, std::chrono::milliseconds deadline) {
+  return WaitUntil([&] { return CallsOf(method).size() >= count; }, deadline);
 }
 
 }  // namespace testing

@@ -10,10 +10,9 @@
 namespace zv_client {
 namespace testing {
 
-// A new floating "(i)" variant that reports when it is freed: its data is a
-// GBytes that only the variant references, so the bytes' free function runs
-// exactly when the variant's last reference goes. GLib has no public reference
-// count; "still alive" before one unref and "freed" after it is the check.
+// A new floating "(i)" variant whose last reference going is observable: its
+// data is a GBytes that only the variant holds. "Alive, unref, freed" is the
+// check for "exactly one reference left", GLib having no public count.
 class VariantProbe {
  public:
   explicit VariantProbe(gint32 value) : freed_(std::make_shared<std::atomic<bool>>(false)) {
