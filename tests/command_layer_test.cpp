@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <future>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
@@ -10,6 +11,7 @@
 
 #include <common/GLibUtils.h>
 #include <dbus/client/DBusClientAsync.h>
+#include <dbus/client/TestHooks.h>
 #include <platform/SystemLog.h>
 
 #include "support/BusTest.h"
@@ -199,21 +201,20 @@ TEST_F(TheCommandLayer, AcceptsKnownCommandsAtOnceAndRunsEachOnAThreadOfItsOwn) 
   EXPECT_EQ(started[0].text.find("thd: " + logt::thread_id() + " "), std::string::npos) << "ran on the caller's thread";
 }
 
-TEST_F(TheCommandLayer, RestoresTheLinkOnlyForHeldCommandsAndReplaysThemInAcceptanceOrder) {
+TEST_F(TheCommandLayer, RestoresALostLinkByItselfAndReplaysHeldCommandsInAcceptanceOrder) {
   auto client = NewClient();
 
-  // The process dies with nothing held (the call in flight fails and is not sent again): link and
-  // watcher go; each command pooled afterwards asks for restoration.
+  // The process dies with nothing held (the call in flight fails and is not sent again): the link
+  // goes, and is looked for again at once, with no command asking for it.
   control().SetNoReply("stopBroadcast");
   ASSERT_TRUE(client->Call("stopBroadcast", nullptr, nullptr, -1));
   ASSERT_TRUE(control().WaitForCall("stopBroadcast"));
   sim().Kill();
   ASSERT_TRUE(logs().WaitFor("\"IpcReady [0] command pool size [0]\"")) << logs().Dump();
-  RunOnMainLoop([] {});  // the handler has returned
+  ASSERT_TRUE(logs().WaitFor("Reconnect end")) << logs().Dump();
   EXPECT_TRUE(logs().Contains("Connection lost. Disconnect from the server and stop watcher"));
-  EXPECT_FALSE(client->IsConnected());
-  EXPECT_EQ(logs().Count("RestoreConnection start"), 0u);
   EXPECT_EQ(logs().Count("there are unhandled commands"), 0u);
+  EXPECT_FALSE(client->IsConnected());
   GVariant* slot = nullptr;
   ASSERT_TRUE(client->Call("readProfiles", nullptr, &slot, -1));  // replayed without destination
   Hold(*client, {{"init", nullptr}, {"connect", common::IntegerToVariant(5)},
@@ -230,6 +231,69 @@ TEST_F(TheCommandLayer, RestoresTheLinkOnlyForHeldCommandsAndReplaysThemInAccept
   EXPECT_EQ(client->GetCounts().replayed, 4u);
   // Only the restored link's watcher saw the daemon come back.
   EXPECT_EQ(logs().Count("Get Dbus owner for name"), 2u) << logs().Dump();
+}
+
+// Records which kind of connect attempt made the link, and can step into one.
+class AttemptHook {
+ public:
+  explicit AttemptHook(std::function<void()> onConnected = {}) : onConnected_(std::move(onConnected)) {
+    dbus::client::testing::SetHook([this](dbus::client::testing::Point point) {
+      using dbus::client::testing::Point;
+      if (point == Point::kReconnectAwaitsLink) reconnectWaits_ = true;
+      if (point != Point::kConnectedByTimer && point != Point::kConnectedByNameWatch) return;
+      (point == Point::kConnectedByTimer ? byTimer_ : byNameWatch_)++;
+      if (onConnected_) std::exchange(onConnected_, nullptr)();
+    });
+  }
+  ~AttemptHook() { dbus::client::testing::SetHook(nullptr); }
+  int byTimer() const { return byTimer_; }
+  int byNameWatch() const { return byNameWatch_; }
+  bool reconnectWaits() const { return reconnectWaits_; }
+
+ private:
+  std::function<void()> onConnected_;  // run once, on the main-loop thread
+  std::atomic<int> byTimer_{0}, byNameWatch_{0};
+  std::atomic<bool> reconnectWaits_{false};
+};
+
+TEST_F(TheCommandLayer, ReconnectsAsSoonAsTheDaemonsNameHasANewOwnerNotAtTheNextRetry) {
+  auto client = NewClient();
+  AttemptHook attempts;
+  for (int round = 1; round <= 3; ++round) {  // a name passed on at once, and one that stays away a while
+    if (round == 2) {
+      sim().Kill();
+      ASSERT_TRUE(logs().WaitFor("Try to connect to DBus server", 2)) << "the retry timer stopped trying";
+      ASSERT_TRUE(sim().Start());
+    } else {
+      control().Restart();
+    }
+    ASSERT_TRUE(logs().WaitFor(kReadyLine, round + 1)) << logs().Dump();
+    EXPECT_EQ(attempts.byNameWatch(), round) << logs().Dump();
+  }
+  EXPECT_EQ(attempts.byTimer(), 0);
+}
+
+TEST_F(TheCommandLayer, StaysConnectedWhenARestorationRunsRightAfterAConnectAttemptSucceeded) {
+  // The interleaving: an attempt connects; a restoration asked for before (a command found no link)
+  // runs its Reconnect; only then the attempt resets the timer. Without the link lock the
+  // restoration drops the new link, and the watcher then reports the daemon to a client without one.
+  control().ReleaseName();
+  auto client = NewClient(0);
+  std::future<void> restoration;
+  AttemptHook attempts([&] {
+    restoration = std::async(std::launch::async, [&] { client->Reconnect(); });
+    WaitUntil([&] {
+      return attempts.reconnectWaits() || restoration.wait_for(0s) == std::future_status::ready;
+    });
+  });
+  control().AcquireName();
+  ASSERT_TRUE(logs().WaitFor(kReadyLine)) << logs().Dump();
+  ASSERT_TRUE(WaitUntil([&] { return restoration.valid(); }));
+  restoration.get();
+  EXPECT_TRUE(client->IsConnected());
+  ASSERT_TRUE(client->Call("init", nullptr, nullptr, -1));
+  EXPECT_TRUE(control().WaitForCall("init")) << logs().Dump();
+  EXPECT_FALSE(logs().Contains("Dbus is nor ready yet")) << logs().Dump();
 }
 
 TEST_F(TheCommandLayer, DisconnectKeepsTheLinkAndALossWithCommandsHeldRestoresItAtOnce) {

@@ -16,14 +16,19 @@ namespace {
 
 using namespace dbus::client;
 
-// What a client's ready callback was told, in order ("TFT"); it runs on the loop thread.
+// What a client's ready callback was told, in order ("TFT"); it runs on the loop thread. The
+// callback keeps the history itself: the callable installed must be the one that runs.
 struct ReadyLog {
   std::mutex mutex;
   std::string events;  // guarded by mutex
   void Watch(DBusClient& client) {
-    client.SetIpcReadyCallback([this](bool ready) {
-      std::lock_guard<std::mutex> lock(mutex);
-      events += ready ? 'T' : 'F';
+    std::unique_lock<std::mutex> lock(mutex);
+    std::string start = events;
+    lock.unlock();
+    client.SetIpcReadyCallback([this, history = std::move(start)](bool ready) mutable {
+      history += ready ? 'T' : 'F';
+      std::lock_guard<std::mutex> guard(mutex);
+      events = history;
     });
   }
   bool WaitFor(const std::string& expected) {
@@ -174,10 +179,11 @@ TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
   DBusClient client;
   ConnectReady(client, ready_);
   client.SetSignalCallback(kSignalOnFound, [&](GVariant*) { ++first; });
-  client.SetSignalCallback(kSignalOnFound, [&](GVariant* parameters) {  // markers in order: 1, then 12
+  // Markers in order, 1 then 12, kept by the handler itself.
+  client.SetSignalCallback(kSignalOnFound, [&markers, seen = 0](GVariant* parameters) mutable {
     guint16 marker = 0;
     g_variant_get_child(parameters, 1, "q", &marker);
-    markers = markers * 10 + marker;
+    markers = seen = seen * 10 + marker;
   });
   client.SetSignalCallback(kSignalOnCancel, DBusClient::SignalCallback());  // empty: as good as none
   control().Emit("onMystery", g_variant_new("(i)", 1));  // not in the contract, still dispatched

@@ -404,6 +404,87 @@ TEST_F(LauncherTest, CallbacksMayReplaceThemselvesAndCallTheLauncherEvenStopBroa
   EXPECT_EQ(available_.Items(), (std::vector<Available>{{9, false}}));
 }
 
+TEST_F(LauncherTest, AListeningApplicationHearsARestartedDaemonWithoutIssuingACommand) {
+  Launcher launcher;
+  Attach(launcher);
+  ASSERT_TRUE(InitReady(launcher));
+  sim().Kill();
+  ASSERT_TRUE(sim().Start());
+  ASSERT_TRUE(logs().WaitFor("IpcReady [1]", 2)) << logs().Dump();
+  control().Emit("onConnectionAvailable", g_variant_new("(qq)", 3, 1));
+  ASSERT_TRUE(available_.WaitForSize(1));
+  EXPECT_EQ(available_.Items(), (std::vector<Available>{{3, true}}));
+  EXPECT_TRUE(control().GetCalls().empty());
+}
+
+TEST_F(LauncherTest, OutlivesARestartOfTheSystemBusAndSendsWhatWasHeldMeanwhile) {
+  Launcher launcher;
+  Attach(launcher);
+  ASSERT_TRUE(InitReady(launcher));
+  control().Emit("onConnectionAvailable", g_variant_new("(qq)", 1, 1));
+  ASSERT_TRUE(available_.WaitForSize(1));
+  // GLib's shared connection would end this process with the bus.
+  RestartBusAndDaemon([&] {
+    EXPECT_EQ(launcher.Connect(8), 0);
+    EXPECT_TRUE(WaitPooled("connect"));
+  });
+  ASSERT_TRUE(control().WaitForCall("connect")) << logs().Dump();
+  EXPECT_EQ(control().CallTexts(), Texts{"connect(8,)"});
+  ASSERT_TRUE(available_.WaitForSize(2));  // the sim answers a connect with (8, 1)
+  EXPECT_EQ(available_.Items().back(), (Available{8, true}));
+}
+
+TEST_F(LauncherTest, CallbacksKeepTheirStateBetweenEvents) {
+  struct Counter {  // a functor whose count lives in the callable itself
+    Recorder<int>* out;
+    int seen = 0;
+    void operator()(int, bool) { out->Add(++seen); }
+  };
+  Recorder<int> availableCounts;
+  Launcher launcher;
+  launcher.SetOnConnectionAvailable(Counter{&availableCounts});
+  launcher.SetOnCancelConnectionCallback([this, seen = 0](int) mutable { cancelled_.Add(++seen); });
+  launcher.SetOnInstanceFoundCallback(
+      [this, seen = 0](int id, const std::string&) mutable { found_.Add({id, std::to_string(++seen)}); });
+  ASSERT_TRUE(InitReady(launcher));
+  for (guint16 n = 1; n <= 3; ++n) {
+    control().Emit("onConnectionAvailable", g_variant_new("(qq)", n, 1));
+    control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall", 7}, n));
+    control().Emit("onFound", common::SerializeIntoGVariant("Hall", n));
+  }
+  ASSERT_TRUE(availableCounts.WaitForSize(3) && cancelled_.WaitForSize(3) && found_.WaitForSize(3));
+  EXPECT_EQ(availableCounts.Items(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(cancelled_.Items(), (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(found_.Items(), (std::vector<Found>{{1, "1"}, {2, "2"}, {3, "3"}}));
+}
+
+TEST_F(LauncherTest, CommandsOnOtherThreadsMayRaceTheDestructionAndCreationOfTheClient) {
+  std::atomic<bool> stop{false};
+  std::atomic<std::uint64_t> issued{0};
+  std::vector<std::thread> users;
+  for (int t = 0; t < 3; ++t) {
+    users.emplace_back([&, t] {
+      Launcher user;  // never inited: it uses whichever client another Launcher installed
+      while (!stop) {
+        // StopBroadcast waits for the daemon and holds commands until a new owner: the threads
+        // of the others stay few.
+        user.StopBroadcast();
+        user.StartBroadcast(t % 2 == 0);
+        user.Connect(t);
+        ++issued;
+      }
+    });
+  }
+  for (int round = 0; round < 20; ++round) {
+    Launcher owner;
+    ASSERT_EQ(owner.Init(), 0);
+    const std::uint64_t before = issued;
+    ASSERT_TRUE(WaitUntil([&] { return issued >= before + 3; }));
+  }
+  stop = true;
+  for (std::thread& user : users) user.join();
+}
+
 // A daemon that misbehaves and strangers that speak in its name: the library
 // must log, drop what it cannot use, never crash, and keep working.
 class HostileDaemon : public LauncherTest {
@@ -495,9 +576,8 @@ TEST_F(HostileDaemon, DeliversHugeAndRawNamesAndSixteenBitIdsAndCopesWithTenThou
 }
 
 TEST_F(HostileDaemon, NeverPassesAStrangersSignalsToTheApplication) {
-  common::GObjectPtr<GDBusConnection> systemBus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
-  ASSERT_TRUE(systemBus);
-  const std::string application = g_dbus_connection_get_unique_name(systemBus.get());
+  const std::string application = zorvel::testing::CurrentClientBusName();
+  ASSERT_FALSE(application.empty());
   for (const std::string& destination : {std::string(), application}) {  // broadcast and unicast
     control().EmitAs("onFound", common::SerializeIntoGVariant("fake", 66), destination);
     control().EmitAs("onCancel", common::ProfileWithStatusToVariant({"fake", 66}, 1), destination);

@@ -38,19 +38,20 @@ long ResidentKb() {
   return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// Match rules the bus holds for GLib's shared system-bus connection, the library's.
-long MatchRules() {
-  common::GObjectPtr<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+// A count the bus keeps in its debug statistics: of the whole bus, or of one
+// connection when `connection` is given; -1 when the bus does not tell.
+long BusStat(const char* key, const std::string& connection = "") {
   common::GObjectPtr<GDBusConnection> asker = OpenBusConnection();
+  const bool whole = connection.empty();
   common::GVariantPtr reply(g_dbus_connection_call_sync(
       asker.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Debug.Stats",
-      "GetConnectionStats", g_variant_new("(s)", g_dbus_connection_get_unique_name(bus.get())),
+      whole ? "GetStats" : "GetConnectionStats", whole ? nullptr : g_variant_new("(s)", connection.c_str()),
       G_VARIANT_TYPE("(a{sv})"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
   if (!reply) return -1;
   common::GVariantPtr stats(g_variant_get_child_value(reply.get(), 0));
-  guint32 rules = 0;
-  g_variant_lookup(stats.get(), "MatchRules", "u", &rules);
-  return static_cast<long>(rules);
+  guint32 value = 0;
+  if (!g_variant_lookup(stats.get(), key, "u", &value)) return -1;
+  return static_cast<long>(value) - (whole && std::string(key) == "ActiveConnections" ? 1 : 0);  // not the asker
 }
 
 class RestartStorm : public BusTest {
@@ -135,12 +136,13 @@ TEST_F(Resources, ThousandLifecyclesLeaveNothingBehind) {
     const std::size_t before = control().CallsOf("deleteStoredProfile").size();
     launcher.DeleteStoredProfile(round);
     ASSERT_TRUE(control().WaitForCall("deleteStoredProfile", before + 1));
-    EXPECT_GT(MatchRules(), 0) << "the bus reports no match rules for a connected client";
+    EXPECT_GT(BusStat("MatchRules", zorvel::testing::CurrentClientBusName()), 0)
+        << "the bus reports no match rules for a connected client";
   };
   fullCycle(0);
   const std::size_t threads = Threads();
   const std::size_t descriptors = Descriptors();
-  const long rules = MatchRules();
+  const long rules = BusStat("MatchRules"), connections = BusStat("ActiveConnections");
   ASSERT_GE(rules, 0) << "the bus does not report match rules";
   const long resident = ResidentKb();
   logs().SetKeepLines(false);
@@ -159,11 +161,13 @@ TEST_F(Resources, ThousandLifecyclesLeaveNothingBehind) {
   EXPECT_TRUE(WaitUntil([&] { return Threads() <= threads; })) << Threads() << " threads, " << threads << " before";
   EXPECT_TRUE(WaitUntil([&] { return Descriptors() <= descriptors; }))
       << Descriptors() << " descriptors, " << descriptors << " before";
-  EXPECT_TRUE(WaitUntil([&] { return MatchRules() <= rules; })) << MatchRules() << " match rules, " << rules
+  EXPECT_TRUE(WaitUntil([&] { return BusStat("ActiveConnections") <= connections; }))
+      << BusStat("ActiveConnections") << " connections, " << connections << " before";
+  EXPECT_TRUE(WaitUntil([&] { return BusStat("MatchRules") <= rules; })) << BusStat("MatchRules") << " match rules, " << rules
                                                                  << " before";
   const long growth = ResidentKb() - resident;
   std::printf("resources: %zu threads, %zu fds, %ld match rules, rss %+ld kB\n", Threads(), Descriptors(),
-              MatchRules(), growth);
+              BusStat("MatchRules"), growth);
   // Sanitizers' shadow memory and valgrind's heap make RSS meaningless.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   const char* preload = std::getenv("LD_PRELOAD");

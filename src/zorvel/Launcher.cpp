@@ -6,10 +6,12 @@
 #include <utility>
 
 #include <common/GLibPtr.h>
+#include <dbus/client/ClientInternals.h>
 #include <dbus/client/DBusClientAsync.h>
 #include <dbus/client/ServiceContract.h>
 #include <platform/Log.h>
 #include <zorvel/LauncherTesting.h>
+#include <zorvel/SharedClient.h>
 
 namespace zv_client {
 namespace zorvel {
@@ -17,42 +19,32 @@ namespace {
 
 using dbus::client::DBusClient;
 using dbus::client::DBusClientAsync;
+using detail::ClientLease;
 
 constexpr char kLogTag[] = "zorvel.zorvel";
 
-// Guards the callback members of every Launcher. Handlers copy a callback
-// under it and call the copy without it, so a setter may replace a callback
-// that is running, even from inside that callback.
+// Guards the callback members of every Launcher. A handler copies the
+// pointer to a callback under it and calls the callback without it: the
+// callable the application installed is the one that runs (a functor keeps
+// its state), and a setter may replace a callback that is running, even from
+// inside that callback; the replaced one is destroyed when its last run ends.
 std::mutex callbackMutex;
 
-// Guards the pointer `dbusClient` only. A client taken out of it is deleted
-// outside the lock; its destructor waits for its running commands and
-// callbacks, which may themselves read the pointer.
-std::mutex clientMutex;
+template <typename Signature>
+using SharedCallback = std::shared_ptr<const std::function<Signature>>;
 
-// The one client of the process. Declared last so that it is destroyed
-// first at exit, while the statics above still exist.
-std::unique_ptr<DBusClient> dbusClient;
-
-DBusClient* Client() {
-  std::lock_guard<std::mutex> lock(clientMutex);
-  return dbusClient.get();
-}
-
-template <typename Callback>
-Callback Copy(const Callback& member) {
+template <typename Signature>
+SharedCallback<Signature> Current(const SharedCallback<Signature>& member) {
   std::lock_guard<std::mutex> lock(callbackMutex);
   return member;
 }
 
-template <typename Callback>
-void Replace(Callback& member, Callback callback) {
-  {
-    std::lock_guard<std::mutex> lock(callbackMutex);
-    member.swap(callback);
-  }
-  // The previous callable is destroyed here, outside the lock; a handler
-  // running it holds a copy of its own.
+template <typename Signature>
+void Replace(SharedCallback<Signature>& member, std::function<Signature> callback) {
+  SharedCallback<Signature> replacement;
+  if (callback) replacement = std::make_shared<const std::function<Signature>>(std::move(callback));
+  std::lock_guard<std::mutex> lock(callbackMutex);
+  member.swap(replacement);
 }
 
 }  // namespace
@@ -61,12 +53,7 @@ Launcher::Launcher() noexcept = default;
 
 Launcher::~Launcher() noexcept {
   ZV_LOGI("~Launcher");
-  std::unique_ptr<DBusClient> client;
-  {
-    std::lock_guard<std::mutex> lock(clientMutex);
-    client = std::move(dbusClient);
-  }
-  client.reset();
+  detail::InstallClient(nullptr);
 }
 
 int Launcher::Init() noexcept {
@@ -75,16 +62,9 @@ int Launcher::Init() noexcept {
     return 0;
   }
   try {
-    std::unique_ptr<DBusClient> fresh = std::make_unique<DBusClientAsync>();
-    DBusClient* client = fresh.get();
-    std::unique_ptr<DBusClient> previous;
-    {
-      std::lock_guard<std::mutex> lock(clientMutex);
-      previous = std::exchange(dbusClient, std::move(fresh));
-    }
-    previous.reset();
-
-    if (!client->Connect()) {
+    detail::InstallClient(std::make_unique<DBusClientAsync>());
+    const ClientLease client = detail::LeaseClient();
+    if (!client || !client->Connect()) {
       ZV_LOGI("Unable to connect to DBus server");
       return -1;
     }
@@ -103,8 +83,8 @@ void Launcher::Deinit() noexcept { ZV_LOGI("Deinit. we're lazy here, so we do no
 int Launcher::Connect(int id) noexcept {
   ZV_LOGI("Connect STARTED");
   if (instanceConnected_) return -1;
-  DBusClient* client = Client();
-  if (client == nullptr) {
+  const ClientLease client = detail::LeaseClient();
+  if (!client) {
     ZV_LOGI("Launcher is not inited. Please check your call sequence");
     return -1;
   }
@@ -134,8 +114,8 @@ int Launcher::Connect(int id) noexcept {
 int Launcher::StartBroadcast(bool isOnlineCheck) noexcept {
   ZV_LOGI("StartBroadcast STARTED isOnlineCheck[%d]", isOnlineCheck ? 1 : 0);
   instanceConnected_ = false;
-  DBusClient* client = Client();
-  if (client == nullptr) {
+  const ClientLease client = detail::LeaseClient();
+  if (!client) {
     ZV_LOGI("Launcher is not inited. Please check your call sequence");
     return -1;
   }
@@ -160,8 +140,8 @@ int Launcher::StartBroadcast(bool isOnlineCheck) noexcept {
 int Launcher::StopBroadcast() noexcept {
   ZV_LOGI("StopBroadcast STARTED");
   instanceConnected_ = false;
-  DBusClient* client = Client();
-  if (client == nullptr) {
+  const ClientLease client = detail::LeaseClient();
+  if (!client) {
     ZV_LOGI("Launcher is not inited. Please check your call sequence");
     return -1;
   }
@@ -190,8 +170,8 @@ int Launcher::StopBroadcast() noexcept {
 
 int Launcher::Stop() noexcept {
   ZV_LOGI("Stop STARTED");
-  DBusClient* client = inited_ ? Client() : nullptr;
-  if (client == nullptr) {
+  const ClientLease client = inited_ ? detail::LeaseClient() : ClientLease();
+  if (!client) {
     ZV_LOGI("Launcher is not inited. Please check your call sequence");
     return -1;
   }
@@ -215,8 +195,8 @@ int Launcher::Stop() noexcept {
 
 std::vector<common::SessionProfile> Launcher::ReadProfiles() noexcept {
   ZV_LOGI("ReadProfiles STARTED");
-  DBusClient* client = inited_ ? Client() : nullptr;
-  if (client == nullptr) {
+  const ClientLease client = inited_ ? detail::LeaseClient() : ClientLease();
+  if (!client) {
     ZV_LOGI("Launcher is not inited. Please check your call sequence");
     return {};
   }
@@ -242,8 +222,8 @@ std::vector<common::SessionProfile> Launcher::ReadProfiles() noexcept {
 }
 
 int Launcher::DeleteStoredProfile(int id) noexcept {
-  DBusClient* client = inited_ ? Client() : nullptr;
-  if (client == nullptr) {
+  const ClientLease client = inited_ ? detail::LeaseClient() : ClientLease();
+  if (!client) {
     ZV_LOGI("Launcher is not inited. Please check your call sequence");
     return -1;
   }
@@ -275,8 +255,8 @@ void Launcher::SetOnConnectionAvailable(std::function<void(int, bool)> callback)
 
 void Launcher::SetSignalCallbacks() {
   ZV_LOGI("Setting signal callbacks ... ");
-  DBusClient* client = Client();
-  if (client == nullptr) return;
+  const ClientLease client = detail::LeaseClient();
+  if (!client) return;
 
   client->SetSignalCallback(dbus::client::kSignalOnFound, [this](GVariant* payload) {
     ZV_LOGI("OnFoundCallback emitted");
@@ -290,10 +270,10 @@ void Launcher::SetSignalCallbacks() {
       ZV_LOGE("Failed to deserialize data");
       return;
     }
-    const auto callback = Copy(onInstanceFoundCallback_);
+    const auto callback = Current(onInstanceFoundCallback_);
     if (!callback) return;
     ZV_LOGI_THD("Execute Instance Found callback: id[%d], name[%s]", id, name.c_str());
-    callback(id, name);
+    (*callback)(id, name);
   });
 
   client->SetSignalCallback(dbus::client::kSignalOnCancel, [this](GVariant* payload) {
@@ -301,7 +281,7 @@ void Launcher::SetSignalCallbacks() {
     int status = -1;
     if (common::VariantToProfileWithStatus(payload, profile, status)) {
       ZV_LOGI("onCancelConnection emitted: profile[%s][%d], status[%d]", profile.name.c_str(), profile.id, status);
-      if (const auto callback = Copy(onCancelConnectionCallback_)) callback(status);
+      if (const auto callback = Current(onCancelConnectionCallback_)) (*callback)(status);
     }
     ZV_LOGI("onCancelConnection handled");
   });
@@ -309,7 +289,7 @@ void Launcher::SetSignalCallbacks() {
   client->SetSignalCallback(dbus::client::kSignalOnDbusClosing, [](GVariant* payload) {
     const int value = common::VariantToInteger(payload);
     ZV_LOGI("onDbusClosing emitted [%d]", value);
-    if (DBusClient* current = Client()) current->Disconnect();
+    if (const ClientLease current = detail::LeaseClient()) current->Disconnect();
     ZV_LOGI("onDbusClosing handled");
   });
 
@@ -328,10 +308,10 @@ void Launcher::SetSignalCallbacks() {
       id = g_variant_get_uint16(first.get());
       state = g_variant_get_uint16(second.get());
     }
-    const auto callback = Copy(onConnectionAvailableCallback_);
+    const auto callback = Current(onConnectionAvailableCallback_);
     if (!callback) return;
     ZV_LOGI("Execute Instance ConnectionAvailable callback: id[%d] state[%d]", id, state);
-    callback(static_cast<int>(id), state != 0);
+    (*callback)(static_cast<int>(id), state != 0);
   });
 }
 
@@ -342,7 +322,12 @@ namespace zv_client {
 namespace zorvel {
 namespace testing {
 
-dbus::client::DBusClient* CurrentClient() { return Client(); }
+dbus::client::DBusClient* CurrentClient() { return detail::LeaseClient().get(); }
+
+std::string CurrentClientBusName() {
+  const detail::ClientLease client = detail::LeaseClient();
+  return client ? dbus::client::detail::ClientInternals::UniqueName(*client.get()) : std::string();
+}
 
 }  // namespace testing
 }  // namespace zorvel

@@ -29,14 +29,23 @@
 //   already held, is dropped.
 //
 // Across a daemon restart
-//   Commands held while the daemon is away are sent at most once, oldest
-//   first, to the new instance when it owns the daemon's name. A command
-//   already sent when the daemon vanished is not sent again. StopBroadcast and
-//   the daemon's "closing" event discard the commands held at that moment, and
+//   When the daemon's name vanishes the library looks for the daemon again at
+//   once and in the background, whether or not commands are held: an
+//   application that only listens gets the new instance's events with no
+//   command issued. The daemon's name is watched meanwhile, so the link is
+//   back within milliseconds of the new instance owning the name (a retry
+//   every 500 ms is the fallback). Commands held while the daemon is away are
+//   sent at most once, oldest first, to the new instance. A command already
+//   sent when the daemon vanished is not sent again. StopBroadcast and the
+//   daemon's "closing" event discard the commands held at that moment, and
 //   until the daemon's name passes to a new owner new commands are held.
-//   When the daemon goes away while no command is held, the library does not
-//   look for it again until the next command: an application that only
-//   listens for events issues a command (e.g. StartBroadcast) to get them back.
+//
+// Across a restart of the system bus
+//   The library talks over a D-Bus connection of its own, never over GLib's
+//   shared system-bus connection (whose loss ends the process), and does not
+//   touch the shared one: when the bus goes away the application lives on,
+//   and when the bus is back at its address the library reconnects as after
+//   a daemon restart (commands issued meanwhile are held and then sent).
 //
 // Callbacks
 //   - Instance found (id, name): for each instance the daemon reports during a
@@ -45,16 +54,20 @@
 //     command thread of the library or on the main-loop thread.
 //   - Connection cancelled (status) and connection available (id, available):
 //     on the main-loop thread.
-//   No two callbacks run at the same time. A callback may call the Launcher's
-//   commands and setters (also replacing itself), but must return normally
-//   (no exception), must not block for long (it holds up the daemon's other
-//   events) and must not call Init or destroy the Launcher.
+//   No two callbacks run at the same time. The callable you set is the one
+//   that runs (a functor or mutable lambda keeps its state between events).
+//   A callback may call the Launcher's commands and setters (also replacing
+//   itself: the replaced callable is destroyed once it has returned), but
+//   must return normally (no exception), must not block for long (it holds
+//   up the daemon's other events) and must not call Init or destroy the
+//   Launcher.
 //
 // Errors are reported by results and in the system log, never by exceptions:
 // every operation except SetSignalCallbacks is noexcept.
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -67,8 +80,10 @@ namespace zorvel {
 class ZORVEL_API Launcher {
  public:
   Launcher() noexcept;
-  // Deletes the shared client: held commands are discarded, commands in
-  // flight are cancelled and waited for, no callback runs afterwards.
+  // Deletes the shared client: held commands are discarded, no callback runs
+  // afterwards. It first waits for the Launcher operations running on other
+  // threads and for the commands in flight, up to a grace period of 1 s,
+  // then cancels what is still waiting for the daemon and waits for that.
   ~Launcher() noexcept;
 
   Launcher(const Launcher&) = delete;
@@ -109,11 +124,11 @@ class ZORVEL_API Launcher {
   // main-loop thread or a command thread while the application calls it.
   std::atomic<bool> inited_{false};
   std::atomic<bool> instanceConnected_{false};
-  // Guarded by a mutex of the Launcher source; a handler calls a copy, so a
-  // setter may replace a callback while it runs, or from inside it.
-  std::function<void(int, const std::string&)> onInstanceFoundCallback_;
-  std::function<void(int)> onCancelConnectionCallback_;
-  std::function<void(int, bool)> onConnectionAvailableCallback_;
+  // Guarded by a mutex of the Launcher source. Shared, so that a handler runs
+  // the installed callable itself while a setter may replace it meanwhile.
+  std::shared_ptr<const std::function<void(int, const std::string&)>> onInstanceFoundCallback_;
+  std::shared_ptr<const std::function<void(int)>> onCancelConnectionCallback_;
+  std::shared_ptr<const std::function<void(int, bool)>> onConnectionAvailableCallback_;
 };
 
 }  // namespace zorvel

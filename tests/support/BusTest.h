@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -29,6 +30,17 @@ class BusTest : public ::testing::Test {
       EXPECT_EQ(sim_->Stop(), 0) << "zorvel-sim did not exit cleanly";
     }
     sim_.reset();
+  }
+
+  // Kills the bus and starts a new one at its address: the daemon goes with
+  // the old bus, and is started again on the new one after `whileAway`.
+  void RestartBusAndDaemon(const std::function<void()>& whileAway = {}) {
+    control_.reset();
+    RestartBus();
+    sim_->Stop();  // it quit when its bus went
+    if (whileAway) whileAway();
+    ASSERT_TRUE(sim_->Start());
+    control_ = std::make_unique<SimControl>();
   }
 
   LogCapture& logs() { return logs_; }

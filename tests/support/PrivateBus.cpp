@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -52,55 +54,72 @@ class PrivateBus {
   const std::string& address() const { return address_; }
 
   void Stop() {
-    std::lock_guard<std::mutex> lock(stopMutex_);
-    if (pid_ <= 0) return;
-    g_main_loop_quit(loop_);
-    if (loopThread_.joinable()) loopThread_.join();
-    g_main_loop_unref(loop_);
-    systemBus_.reset();
-    helper_.reset();
-    kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (loop_ != nullptr) {
+      g_main_loop_quit(loop_);
+      if (loopThread_.joinable()) loopThread_.join();
+      g_main_loop_unref(std::exchange(loop_, nullptr));
+    }
+    StopDaemon(SIGTERM);
+    rmdir(directory_.c_str());
   }
 
-  GDBusConnection* helper() const { return helper_.get(); }
+  // Kills the dbus-daemon and starts a new one at the same address.
+  void Restart() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    StopDaemon(SIGKILL);
+    StartDaemon();
+  }
+
+  common::GObjectPtr<GDBusConnection> helper() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return common::GObjectPtr<GDBusConnection>(static_cast<GDBusConnection*>(g_object_ref(helper_.get())));
+  }
 
  private:
   void Start() {
+    char directory[] = "/tmp/zorvel-test-bus-XXXXXX";
+    if (mkdtemp(directory) == nullptr) Fatal("mkdtemp failed");
+    directory_ = directory;
+    // A fixed path rather than a random one: a restarted bus must be found
+    // where the old one was, as a system bus is.
+    address_ = "unix:path=" + directory_ + "/bus";
+    // Before GLib's first look at the system bus address.
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+    StartDaemon();
+    loop_ = g_main_loop_new(g_main_context_default(), FALSE);
+    loopThread_ = std::thread([this] { g_main_loop_run(loop_); });
+  }
+
+  void StartDaemon() {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) Fatal("pipe2 failed");
     pid_ = SpawnChild({ZORVEL_TEST_DBUS_DAEMON, "--config-file=" ZORVEL_TEST_BUS_CONFIG, "--nofork",
-                       "--print-address=" + std::to_string(fds[1]), "--address=unix:tmpdir=/tmp"},
+                       "--print-address=" + std::to_string(fds[1]), "--address=" + address_},
                       fds[1]);
     close(fds[1]);
     FILE* printed = fdopen(fds[0], "r");  // EOF if the daemon dies first
     char line[512] = "";
     if (std::fgets(line, sizeof line, printed) == nullptr || line[0] == '\n') Fatal("dbus-daemon printed no address");
     std::fclose(printed);
-    address_ = std::string(line, std::strcspn(line, "\n"));
-
-    // Before GLib's first look at the system bus, which it never repeats.
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
     helper_ = Open(address_);
-    // Keep GLib's singleton alive for the whole run, and keep it from
-    // raising SIGTERM when the bus goes away at the end.
-    GError* error = nullptr;
-    systemBus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
-    if (!systemBus_) Fatal(std::string("system bus: ") + error->message);
-    g_dbus_connection_set_exit_on_close(systemBus_.get(), FALSE);
+  }
 
-    loop_ = g_main_loop_new(g_main_context_default(), FALSE);
-    loopThread_ = std::thread([this] { g_main_loop_run(loop_); });
+  void StopDaemon(int signal) {
+    helper_.reset();
+    if (pid_ <= 0) return;
+    kill(pid_, signal);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
   }
 
   std::once_flag started_;
-  std::mutex stopMutex_;
+  std::mutex mutex_;
+  std::string directory_;
   std::string address_;
-  pid_t pid_ = -1;
-  common::GObjectPtr<GDBusConnection> helper_;
-  common::GObjectPtr<GDBusConnection> systemBus_;
+  pid_t pid_ = -1;                              // guarded by mutex_
+  common::GObjectPtr<GDBusConnection> helper_;  // guarded by mutex_
   GMainLoop* loop_ = nullptr;
   std::thread loopThread_;
 };
@@ -136,9 +155,11 @@ const std::string& BusAddress() { return PrivateBus::Get().address(); }
 
 common::GObjectPtr<GDBusConnection> OpenBusConnection() { return Open(BusAddress()); }
 
+void RestartBus() { PrivateBus::Get().Restart(); }
+
 std::string NameOwner(const std::string& name) {
   GVariant* reply = g_dbus_connection_call_sync(
-      PrivateBus::Get().helper(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+      PrivateBus::Get().helper().get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
       "GetNameOwner", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, -1,
       nullptr, nullptr);  // NameHasNoOwner is the error we expect when there is none
   if (reply == nullptr) return {};

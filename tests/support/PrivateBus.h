@@ -18,8 +18,14 @@
 namespace zv_client {
 namespace testing {
 
-// The bus address, also exported as DBUS_SYSTEM_BUS_ADDRESS.
+// The bus address, also exported as DBUS_SYSTEM_BUS_ADDRESS. The test process
+// itself never opens GLib's shared system-bus connection: it would end the
+// process when the bus goes away, and the library must cope without it.
 const std::string& BusAddress();
+
+// Kills the bus (every connection to it is lost) and starts a new one at the
+// same address.
+void RestartBus();
 
 // A new private connection to the bus, not GLib's system-bus singleton.
 common::GObjectPtr<GDBusConnection> OpenBusConnection();

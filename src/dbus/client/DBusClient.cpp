@@ -4,6 +4,7 @@
 #include <utility>
 
 #include <dbus/client/CallbackAnchor.h>
+#include <dbus/client/ClientInternals.h>
 #include <dbus/client/ServiceContract.h>
 #include <platform/Log.h>
 
@@ -24,6 +25,30 @@ std::recursive_mutex& SignalMutex() {
 
 const char* OrNull(const char* text) { return text != nullptr ? text : "NULL"; }
 
+template <typename T>
+common::GObjectPtr<T> NewRef(T* object) {
+  return common::GObjectPtr<T>(object != nullptr ? static_cast<T*>(g_object_ref(object)) : nullptr);
+}
+
+// A private connection to the system bus at the address GLib would use for
+// its shared one. Exit-on-close is off, as for every connection that is not
+// GLib's singleton; it is set anyway, since ending the host is never ours.
+common::GObjectPtr<GDBusConnection> ConnectToSystemBus(common::GErrorPtr& error) {
+  GError* rawError = nullptr;
+  common::GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &rawError));
+  GDBusConnection* connection = nullptr;
+  if (address) {
+    connection = g_dbus_connection_new_for_address_sync(
+        address.get(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &rawError);
+  }
+  error.reset(rawError);
+  if (connection != nullptr) g_dbus_connection_set_exit_on_close(connection, FALSE);
+  return common::GObjectPtr<GDBusConnection>(connection);
+}
+
 }  // namespace
 
 DBusClient::DBusClient()
@@ -36,7 +61,39 @@ DBusClient::~DBusClient() {
   DetachCallbacks();
   StopBusWatcher();
   DBusClient::Disconnect();
+  common::GObjectPtr<GDBusConnection> connection;
+  {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    connection = std::move(connection_);
+  }
+  // Closing, not just releasing: GDBus keeps a connection with pending work
+  // alive, and the bus drops our match rules only once the socket is gone.
+  if (connection) g_dbus_connection_close(connection.get(), nullptr, nullptr, nullptr);
   ZV_LOGI("~DBusClient end");
+}
+
+common::GObjectPtr<GDBusConnection> DBusClient::BusConnection() const {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  if (!connection_ || g_dbus_connection_is_closed(connection_.get())) return nullptr;
+  return NewRef(connection_.get());
+}
+
+common::GObjectPtr<GDBusConnection> DBusClient::OpenBusConnection(common::GErrorPtr& error) {
+  if (auto open = BusConnection()) return open;
+  // Opened outside the lock (it blocks on the bus); should two threads get
+  // here at once, the first one's connection wins and the other is closed.
+  common::GObjectPtr<GDBusConnection> fresh = ConnectToSystemBus(error);
+  if (!fresh) return nullptr;
+  common::GObjectPtr<GDBusConnection> replaced;
+  {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    if (!connection_ || g_dbus_connection_is_closed(connection_.get())) {
+      replaced = std::exchange(connection_, NewRef(fresh.get()));
+      fresh.reset();
+    }
+  }
+  if (fresh) g_dbus_connection_close(fresh.get(), nullptr, nullptr, nullptr);  // lost the race
+  return BusConnection();
 }
 
 bool DBusClient::Connect() {
@@ -46,16 +103,25 @@ bool DBusClient::Connect() {
   // Two threads may both have passed the test above; the second must not
   // create a second proxy and subscription over the first.
   if (connected_) return true;
-  busName_ = kBusName;
-
-  GError* rawError = nullptr;
-  GDBusProxy* proxy = g_dbus_proxy_new_for_bus_sync(G_BUS_TYPE_SYSTEM, G_DBUS_PROXY_FLAGS_NONE, nullptr,
-                                                    kBusName.c_str(), kObjectPath.c_str(),
-                                                    kInterfaceName.c_str(), nullptr, &rawError);
-  common::GErrorPtr error(rawError);
   {
-    std::lock_guard<std::mutex> proxyLock(proxyMutex_);
+    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    busName_ = kBusName;
+  }
+
+  common::GErrorPtr error;
+  common::GObjectPtr<GDBusConnection> bus = OpenBusConnection(error);
+  GDBusProxy* proxy = nullptr;
+  if (bus) {
+    GError* rawError = nullptr;
+    proxy = g_dbus_proxy_new_sync(bus.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, kBusName.c_str(),
+                                  kObjectPath.c_str(), kInterfaceName.c_str(), nullptr, &rawError);
+    error.reset(rawError);
+  }
+  std::string remembered;
+  {
+    std::lock_guard<std::mutex> stateLock(stateMutex_);
     proxy_.reset(proxy);
+    remembered = nameOwner_;
   }
   if (proxy == nullptr) {
     ZV_LOGE("Failed to setup D-Bus proxy for Zorvel Daemon, error = %s",
@@ -64,18 +130,12 @@ bool DBusClient::Connect() {
   }
 
   common::GCharPtr owner(g_dbus_proxy_get_name_owner(proxy));
-  std::string remembered;
-  {
-    std::lock_guard<std::mutex> stateLock(stateMutex_);
-    remembered = nameOwner_;
-  }
   ZV_LOGI("Old nameOwner(%s), new nameOwner (%s)", remembered.c_str(), OrNull(owner.get()));
 
   if (owner && remembered != owner.get()) {
     signalSubscriptionId_ = g_dbus_connection_signal_subscribe(
-        g_dbus_proxy_get_connection(proxy), kBusName.c_str(), kInterfaceName.c_str(), nullptr,
-        kObjectPath.c_str(), nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &DBusClient::SignalHandler, NewCallbackHandle(),
-        &DBusClient::FreeCallbackHandle);
+        bus.get(), kBusName.c_str(), kInterfaceName.c_str(), nullptr, kObjectPath.c_str(), nullptr,
+        G_DBUS_SIGNAL_FLAGS_NONE, &DBusClient::SignalHandler, NewCallbackHandle(), &DBusClient::FreeCallbackHandle);
     LaunchBusWatcher();
     connected_ = true;
     return connected_;
@@ -83,7 +143,7 @@ bool DBusClient::Connect() {
 
   ZV_LOGE("Connection failed: got empty nameOwner? [%d] connected to service which terminates? [%d]",
           owner ? 0 : 1, (owner && remembered == owner.get()) ? 1 : 0);
-  std::lock_guard<std::mutex> proxyLock(proxyMutex_);
+  std::lock_guard<std::mutex> stateLock(stateMutex_);
   proxy_.reset();
   return false;
 }
@@ -103,7 +163,7 @@ bool DBusClient::Disconnect() {
   connected_ = false;
   common::GObjectPtr<GDBusProxy> proxy;
   {
-    std::lock_guard<std::mutex> proxyLock(proxyMutex_);
+    std::lock_guard<std::mutex> stateLock(stateMutex_);
     proxy = std::move(proxy_);
   }
   if (proxy && signalSubscriptionId_ != 0) {
@@ -125,8 +185,8 @@ bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** re
 
   common::GObjectPtr<GDBusProxy> proxy;
   {
-    std::lock_guard<std::mutex> proxyLock(proxyMutex_);
-    if (proxy_) proxy.reset(static_cast<GDBusProxy*>(g_object_ref(proxy_.get())));
+    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    proxy = NewRef(proxy_.get());
   }
   if (!connected_ || !ipcReady_ || !proxy) {
     ZV_LOGE("Dbus is nor ready yet [%d][%d]", proxy ? 0 : 1, ipcReady_ ? 1 : 0);
@@ -154,25 +214,36 @@ bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** re
 bool DBusClient::IsConnected() const { return connected_; }
 
 void DBusClient::SetIpcReadyCallback(std::function<void(bool)> callback) {
+  auto replacement = std::make_shared<const std::function<void(bool)>>(std::move(callback));
   {
     std::lock_guard<std::mutex> lock(stateMutex_);
-    ipcReadyCallback_.swap(callback);
+    ipcReadyCallback_.swap(replacement);
   }
-  // The replaced callback is destroyed here, outside the lock.
+  // The replaced callback is released here, outside the lock, and destroyed
+  // by whichever holder lets go of it last.
 }
 
 void DBusClient::LaunchBusWatcher() {
-  std::lock_guard<std::mutex> lock(watcherMutex_);
-  if (busWatcherId_ != 0 || busName_.empty()) return;
-  busWatcherId_ = g_bus_watch_name(G_BUS_TYPE_SYSTEM, busName_.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
-                                   &DBusClient::OnBusNameAvailable, &DBusClient::OnBusNameVanished,
-                                   NewCallbackHandle(), &DBusClient::FreeCallbackHandle);
+  std::string name;
+  {
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    if (busWatcherId_ != 0 || busName_.empty()) return;
+    name = busName_;
+  }
+  common::GErrorPtr error;
+  common::GObjectPtr<GDBusConnection> bus = OpenBusConnection(error);
+  if (!bus) return;
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  if (busWatcherId_ != 0) return;
+  busWatcherId_ = g_bus_watch_name_on_connection(bus.get(), name.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                 &DBusClient::OnBusNameAvailable, &DBusClient::OnBusNameVanished,
+                                                 NewCallbackHandle(), &DBusClient::FreeCallbackHandle);
 }
 
 void DBusClient::StopBusWatcher() {
   guint id = 0;
   {
-    std::lock_guard<std::mutex> lock(watcherMutex_);
+    std::lock_guard<std::mutex> lock(stateMutex_);
     std::swap(id, busWatcherId_);
   }
   if (id != 0) g_bus_unwatch_name(id);
@@ -214,7 +285,7 @@ void DBusClient::OnBusNameVanished(GDBusConnection* /*connection*/, const char* 
 }
 
 void DBusClient::NotifyIpcReady(bool isReady, const char* nameOwner) {
-  std::function<void(bool)> callback;
+  std::shared_ptr<const std::function<void(bool)>> callback;
   {
     std::lock_guard<std::mutex> lock(stateMutex_);
     nameOwner_ = nameOwner;
@@ -222,32 +293,33 @@ void DBusClient::NotifyIpcReady(bool isReady, const char* nameOwner) {
   }
   ipcReady_ = isReady;
   // No lock held: the callback may connect, disconnect or replace itself.
-  if (callback) callback(isReady);
+  if (callback && *callback) (*callback)(isReady);
 }
 
 void DBusClient::SetSignalCallback(const std::string& signalName, SignalCallback callback) {
+  auto replacement = std::make_shared<const SignalCallback>(std::move(callback));
   {
-    std::lock_guard<std::mutex> lock(signalMapMutex_);
-    signalCallbacks_[signalName].swap(callback);
+    std::lock_guard<std::mutex> lock(stateMutex_);
+    signalCallbacks_[signalName].swap(replacement);
   }
-  // The replaced handler is destroyed outside the lock; a dispatch that is
-  // running it holds a copy of its own.
+  // The replaced handler is released outside the lock; a dispatch that is
+  // running it holds the pointer, so it is destroyed only when that ends.
 }
 
 void DBusClient::HandleSignal(const std::string& signalName, GVariant* parameters) {
   ZV_LOGI("HandleSignal is called, signal name [%s]", signalName.c_str());
-  SignalCallback handler;
+  std::shared_ptr<const SignalCallback> handler;
   {
-    std::lock_guard<std::mutex> lock(signalMapMutex_);
+    std::lock_guard<std::mutex> lock(stateMutex_);
     const auto entry = signalCallbacks_.find(signalName);
     if (entry != signalCallbacks_.end()) handler = entry->second;
   }
-  if (!handler) {
+  if (!handler || !*handler) {
     ZV_LOGI("Haven't found callback for signal %s. Skipping processing...", signalName.c_str());
     return;
   }
   std::lock_guard<std::recursive_mutex> lock(SignalMutex());
-  handler(parameters);
+  (*handler)(parameters);
 }
 
 void DBusClient::SignalHandler(GDBusConnection* /*connection*/, const char* /*senderName*/,
@@ -285,6 +357,14 @@ void DBusClient::DetachCallbacks() {
 }
 
 void DBusClient::CancelCalls() { g_cancellable_cancel(cancellable_.get()); }
+
+void detail::ClientInternals::CancelCalls(DBusClient& client) { client.CancelCalls(); }
+
+std::string detail::ClientInternals::UniqueName(const DBusClient& client) {
+  const common::GObjectPtr<GDBusConnection> bus = client.BusConnection();
+  const char* name = bus ? g_dbus_connection_get_unique_name(bus.get()) : nullptr;
+  return name != nullptr ? name : "";
+}
 
 }  // namespace client
 }  // namespace dbus

@@ -16,13 +16,21 @@ namespace zv_client {
 namespace dbus {
 namespace client {
 
+class DBusClient;
+
 namespace detail {
 struct CallbackAnchor;
-}
+struct ClientInternals;  // the library's own access to a client, see DBusClient.cpp
+}  // namespace detail
 
 // The base D-Bus client: owns the proxy for the daemon's object on the system
 // bus, follows the owner of the daemon's well-known name, makes synchronous
 // calls and dispatches the daemon's signals by member name.
+//
+// The client talks over a connection of its own to the system bus, never
+// over GLib's shared one: the shared connection ends the process when the bus
+// goes away, and an application must not be killed by a library it loaded.
+// When the bus is gone the next Connect opens a new connection.
 //
 // Threads: the name watcher and signal callbacks are delivered through the
 // thread-default main context of the thread that called Connect (normally the
@@ -33,9 +41,9 @@ struct CallbackAnchor;
 //   1. the callback anchor's mutex (held while a GLib callback runs on us)
 //   2. DBusClientAsync's locks (see there)
 //   3. connectionMutex_
-//   4. watcherMutex_, proxyMutex_, stateMutex_, signalMapMutex_ (leaves)
-// The process-wide signal mutex is held only around a handler, with none of
-// 3-4 held; a handler may take any lock of 2-4 again.
+//   4. stateMutex_ (a leaf)
+// The process-wide signal mutex is held only around a handler, with neither
+// 3 nor 4 held; a handler may take any lock of 2-4 again.
 class ZORVEL_API DBusClient {
  public:
   using SignalCallback = std::function<void(GVariant*)>;
@@ -59,32 +67,34 @@ class ZORVEL_API DBusClient {
   virtual bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout);
 
   bool IsConnected() const;
+  // The callable installed is the one that runs (state it keeps survives
+  // between calls); it may be replaced at any time, also while it runs.
   void SetIpcReadyCallback(std::function<void(bool)> callback);
 
   void LaunchBusWatcher();
   void StopBusWatcher();
 
-  // GDBus callbacks. `userData` is the callback handle this client registered
-  // (see NewCallbackHandle), never the client itself, so a callback that GLib
-  // dispatches after the client is gone finds no client and does nothing.
-  static void OnBusNameAvailable(GDBusConnection* connection, const char* name, const char* nameOwner,
-                                 void* userData);
-  static void OnBusNameVanished(GDBusConnection* connection, const char* name, void* userData);
-
   // Registers `callback` for the signal member `signalName`, replacing any
   // earlier one. Safe against concurrent dispatch: a handler already running
-  // finishes with the callable it started with.
+  // finishes, and is destroyed only then.
   void SetSignalCallback(const std::string& signalName, SignalCallback callback);
   // Runs the handler registered for `signalName` (none, or an empty one, is
   // logged and skipped) under the process-wide signal mutex, which the same
   // thread may take again: a handler may itself call HandleSignal. Borrows
   // `parameters`; exceptions of the handler pass to the caller.
   void HandleSignal(const std::string& signalName, GVariant* parameters);
+
+ protected:
+  // GDBus callbacks. `userData` is the callback handle this client registered
+  // (see NewCallbackHandle), never the client itself, so a callback that GLib
+  // dispatches after the client is gone finds no client and does nothing.
+  static void OnBusNameAvailable(GDBusConnection* connection, const char* name, const char* nameOwner,
+                                 void* userData);
+  static void OnBusNameVanished(GDBusConnection* connection, const char* name, void* userData);
   static void SignalHandler(GDBusConnection* connection, const char* senderName, const char* objectPath,
                             const char* interfaceName, const char* signalName, GVariant* parameters,
                             void* userData);
 
- protected:
   // A heap handle naming this client for a GLib registration's user data;
   // pass FreeCallbackHandle as its destroy notify.
   void* NewCallbackHandle() const;
@@ -97,31 +107,41 @@ class ZORVEL_API DBusClient {
   // Fails every call in flight and every later one at once; for teardown.
   void CancelCalls();
 
+  // The client's open connection to the system bus, opening one if there is
+  // none or the one it had was closed (the bus went away); null with `error`
+  // set when the bus cannot be reached.
+  common::GObjectPtr<GDBusConnection> OpenBusConnection(common::GErrorPtr& error);
+  // The connection as it is, without opening one; null when none is open.
+  common::GObjectPtr<GDBusConnection> BusConnection() const;
+
  private:
+  friend struct detail::ClientInternals;
+
   // Records `nameOwner` ("" when the name vanished) and tells the ready callback.
   void NotifyIpcReady(bool isReady, const char* nameOwner);
 
   // Fields in the order of the client's data model. The GLib callbacks (main
-  // loop thread) and the application's threads share them as noted.
-  std::map<std::string, SignalCallback> signalCallbacks_;  // guarded by signalMapMutex_
-  std::function<void(bool)> ipcReadyCallback_;              // guarded by stateMutex_; run outside it
+  // loop thread) and the application's threads share them as noted. A
+  // callable is held through a shared pointer: a dispatch copies the pointer,
+  // not the callable, so the callable the application installed is the one
+  // that runs, and replacing it never destroys it under a running call.
+  std::map<std::string, std::shared_ptr<const SignalCallback>> signalCallbacks_;  // guarded by stateMutex_
+  std::shared_ptr<const std::function<void(bool)>> ipcReadyCallback_;             // guarded by stateMutex_
   std::atomic<bool> connected_{false};
-  // Written under connectionMutex_ and proxyMutex_, read under either. Call
-  // takes its own reference under proxyMutex_, so a Disconnect on another
+  // Written under connectionMutex_ and stateMutex_, read under either. Call
+  // takes its own reference under stateMutex_, so a Disconnect on another
   // thread cannot release the proxy in the middle of a call.
   common::GObjectPtr<GDBusProxy> proxy_;
   guint signalSubscriptionId_ = 0;  // guarded by connectionMutex_
-  std::string busName_;             // guarded by connectionMutex_
+  std::string busName_;             // guarded by connectionMutex_ (written), stateMutex_ (read by the watcher)
   std::string nameOwner_;           // guarded by stateMutex_; written only by the watcher callbacks
-  guint busWatcherId_ = 0;          // guarded by watcherMutex_
+  guint busWatcherId_ = 0;          // guarded by stateMutex_
   std::atomic<bool> ipcReady_{false};
   std::mutex connectionMutex_;
 
-  std::mutex watcherMutex_;
-  mutable std::mutex proxyMutex_;
-  std::mutex stateMutex_;
-  std::mutex signalMapMutex_;
-  common::GObjectPtr<GCancellable> cancellable_;  // set once; cancelled at teardown
+  mutable std::mutex stateMutex_;
+  common::GObjectPtr<GDBusConnection> connection_;  // guarded by stateMutex_; closed and released at teardown
+  common::GObjectPtr<GCancellable> cancellable_;    // set once; cancelled at teardown
   std::shared_ptr<detail::CallbackAnchor> anchor_;  // shared with every GLib registration
 };
 

@@ -7,7 +7,12 @@
 #include <utility>
 
 #include <dbus/client/CallbackAnchor.h>
+#include <dbus/client/CommandGate.h>
+#include <dbus/client/CommandIntake.h>
+#include <dbus/client/CommandTally.h>
+#include <dbus/client/OrderedDeliveries.h>
 #include <dbus/client/ServiceContract.h>
+#include <dbus/client/TestHooks.h>
 #include <platform/Log.h>
 
 namespace zv_client {
@@ -43,13 +48,13 @@ struct ParamsRef {
 
 }  // namespace
 
-struct DBusClientAsync::CommandGate {
-  std::mutex mutex;
-  std::condition_variable idle;
-  std::size_t inFlight = 0;  // guarded by mutex
-};
-
-DBusClientAsync::DBusClientAsync() : gate_(std::make_shared<CommandGate>()) { SetFunctions(); }
+DBusClientAsync::DBusClientAsync()
+    : intake_(std::make_unique<detail::CommandIntake>()),
+      deliveries_(std::make_unique<detail::OrderedDeliveries>()),
+      tally_(std::make_unique<detail::CommandTally>()),
+      gate_(std::make_shared<detail::CommandGate>()) {
+  SetFunctions();
+}
 
 DBusClientAsync::~DBusClientAsync() {
   ZV_LOGI("Stop dbus client");
@@ -57,10 +62,7 @@ DBusClientAsync::~DBusClientAsync() {
   // Commands accepted before teardown still run while the daemon is ready, for
   // a short grace period; commands that would have to wait are discarded.
   draining_ = true;
-  {
-    std::unique_lock<std::mutex> lock(gate_->mutex);
-    gate_->idle.wait_for(lock, kTeardownGrace, [this] { return gate_->inFlight == 0; });
-  }
+  gate_->WaitIdleFor(kTeardownGrace);
 
   // From here on nothing new starts: the call in flight fails at once, no
   // GLib callback reaches this object, no reconnect task is started.
@@ -81,27 +83,17 @@ DBusClientAsync::~DBusClientAsync() {
       // The task failed; there is nothing left to undo.
     }
   }
-  RemoveTimerQuietly();  // one the task may have armed before it saw closing_
+  ResetTimer(true);  // one the task may have armed before it saw closing_
 
-  {
-    std::unique_lock<std::mutex> lock(gate_->mutex);
-    gate_->idle.wait(lock, [this] { return gate_->inFlight == 0; });
+  gate_->WaitIdle();
+  std::lock_guard<std::mutex> lock(poolMutex_);
+  DiscardPool();
+  for (CommandData& command : intake_->TakeAll()) {  // only if a command thread died before taking its command
+    if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
+    tally_->Add(&Counts::discarded);
   }
-
-  {
-    std::lock_guard<std::mutex> lock(poolMutex_);
-    DiscardPool();
-    {
-      std::lock_guard<std::mutex> intakeLock(intakeMutex_);
-      for (CommandData& command : intake_) {  // only if a command thread died before taking its command
-        if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
-        Tally(&Counts::discarded);
-      }
-      intake_.clear();
-    }
-    pendingDeliveries_.clear();
-    if (lastReply_ != nullptr) g_variant_unref(std::exchange(lastReply_, nullptr));
-  }
+  deliveries_->Discard();
+  if (lastReply_ != nullptr) g_variant_unref(std::exchange(lastReply_, nullptr));
 }
 
 void DBusClientAsync::SetFunctions() {
@@ -139,7 +131,9 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
       ZV_LOGE("Failed to allocate tuple");
       continue;
     }
-    self.pendingDeliveries_.push_back(common::SinkVariant(payload));
+    self.deliveries_->Add([&self, owned = std::shared_ptr<GVariant>(g_variant_ref_sink(payload), g_variant_unref)] {
+      self.HandleSignal(kSignalOnFound, owned.get());
+    });
   }
   return true;
 }
@@ -155,40 +149,21 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
   // The caller's `result` is never written: the command runs later, with the
   // reply going to lastReply_.
   (void)result;
-  CommandData command{{method, params, nullptr, timeout}, entry->second};
-  std::shared_ptr<CommandGate> gate = gate_;
-  {
-    std::lock_guard<std::mutex> lock(gate->mutex);
-    ++gate->inFlight;
-  }
-  Tally(&Counts::accepted);
+  std::shared_ptr<detail::CommandGate> gate = gate_;
+  gate->Enter();
+  tally_->Add(&Counts::accepted);
   try {
-    // Each command gets a thread of its own, but a thread runs the oldest
-    // command not yet taken rather than "its" command, so that commands enter
-    // the layer in the order they were accepted, not in the order in which
-    // their threads happen to get the pool lock.
-    std::lock_guard<std::mutex> intakeLock(intakeMutex_);
-    intake_.push_back(std::move(command));
-    try {
+    intake_->Put(CommandData{{method, params, nullptr, timeout}, entry->second}, [this, &gate] {
       std::thread([this, gate] {
-        ExecuteNext();
+        ExecuteCommand(nullptr);
         // The last touch of this object's memory is through `gate`, which the
         // thread co-owns: the destructor may run as soon as the count drops.
-        std::lock_guard<std::mutex> lock(gate->mutex);
-        --gate->inFlight;
-        gate->idle.notify_all();
+        gate->Leave();
       }).detach();
-    } catch (...) {
-      intake_.pop_back();
-      throw;
-    }
+    });
   } catch (...) {
-    {
-      std::lock_guard<std::mutex> lock(gate->mutex);
-      --gate->inFlight;
-      gate->idle.notify_all();
-    }
-    Tally(&Counts::accepted, -1);
+    tally_->Add(&Counts::accepted, -1);
+    gate->Leave();
     if (params != nullptr) g_variant_unref(params);
     throw;
   }
@@ -196,8 +171,6 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
 }
 
 int DBusClientAsync::ExecuteCommand(const CommandData& command) { return ExecuteCommand(&command); }
-
-int DBusClientAsync::ExecuteNext() { return ExecuteCommand(nullptr); }
 
 // Named like the public overload: its log lines carry the function name.
 int DBusClientAsync::ExecuteCommand(const CommandData* given) {
@@ -208,31 +181,34 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
   try {
     std::unique_lock<std::mutex> lock(poolMutex_);
     if (command == nullptr) {  // taken under poolMutex_, so the intake order is the execution order
-      std::lock_guard<std::mutex> intakeLock(intakeMutex_);
-      next = std::move(intake_.front());
-      intake_.pop_front();
+      next = intake_->Take();
       command = &next;
     }
     params.params = command->parameters.params;
     const std::string& method = command->parameters.method;
     if (closing_) {
-      Tally(&Counts::discarded);
+      tally_->Add(&Counts::discarded);
       accounted = true;
       return 0;
     }
     ZV_LOGI_THD("ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]", method.c_str(),
                 ready_ ? 1 : 0, IsConnected() ? 1 : 0, commandPool_.size());
 
+    // Readiness without a link would make every command fail at once, with
+    // nothing ever restoring the link: drop the readiness and go on as when
+    // not connected. (The layer never gets there, see linkMutex_.)
+    if (ready_ && !IsConnected()) ready_ = false;
+
     if (ready_ && commandPool_.empty()) {
       if (activeCommand_ == method) {
         ZV_LOGI_MAIN("Duplicate command in active %s", method.c_str());
-        Tally(&Counts::droppedDuplicate);
+        tally_->Add(&Counts::droppedDuplicate);
         accounted = true;
         return 0;
       }
       activeCommand_ = method;
       ZV_LOGI("Ipc is ready - make call");
-      Tally(&Counts::ranAtOnce);
+      tally_->Add(&Counts::ranAtOnce);
       accounted = true;
       if (!RunFunction(*command)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
       params.reset();
@@ -242,12 +218,12 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
                                     [&](const CommandData& pooled) { return pooled.parameters.method == method; });
       if (held) {
         ZV_LOGI_MAIN("Duplicate command in pool %s", method.c_str());
-        Tally(&Counts::droppedDuplicate);
+        tally_->Add(&Counts::droppedDuplicate);
         accounted = true;
         return 0;
       }
       if (draining_) {  // teardown would discard it anyway
-        Tally(&Counts::discarded);
+        tally_->Add(&Counts::discarded);
         accounted = true;
         return 0;
       }
@@ -262,18 +238,14 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
       }
       commandPool_.push_back(std::move(pooled));
       params.release();  // the pool holds the reference now
-      Tally(&Counts::pooled, 1, commandPool_.size());
+      tally_->Add(&Counts::pooled, 1, commandPool_.size());
       accounted = true;
       ZV_LOGI_THD("Ipc isn't ready, move command[%s] into pool[%zu], isConnectionLost[%d]", method.c_str(),
                   commandPool_.size(), ready_ ? 1 : 0);
     }
-
-    std::uint64_t ticket = 0;
-    Batch batch = TakeDeliveries(ticket);
-    lock.unlock();
-    Deliver(std::move(batch), ticket);
+    DeliverQueued(lock);
   } catch (const std::exception&) {
-    if (!accounted) Tally(&Counts::failed);
+    if (!accounted) tally_->Add(&Counts::failed);
     ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
     return -1;
   }
@@ -285,37 +257,16 @@ bool DBusClientAsync::RunFunction(const CommandData& command) {
   try {
     return command.function(command.parameters);
   } catch (...) {
-    pendingDeliveries_.clear();  // a half-delivered reply is not delivered at all
+    deliveries_->Discard();  // a half-delivered reply is not delivered at all
     throw;
   }
 }
 
-DBusClientAsync::Batch DBusClientAsync::TakeDeliveries(std::uint64_t& ticket) {
-  Batch batch;
-  if (!pendingDeliveries_.empty()) {
-    batch.swap(pendingDeliveries_);
-    ticket = nextDeliveryTicket_++;
-  }
-  return batch;
-}
-
-void DBusClientAsync::Deliver(Batch batch, std::uint64_t ticket) {
-  if (batch.empty()) return;
-  std::unique_lock<std::mutex> lock(deliveryMutex_);
-  // Batches leave in the order their replies were read under poolMutex_.
-  deliveryTurn_.wait(lock, [&] { return servingDeliveryTicket_ == ticket; });
-  lock.unlock();
-  for (const common::GVariantPtr& payload : batch) {
-    if (closing_) break;
-    try {
-      HandleSignal(kSignalOnFound, payload.get());
-    } catch (...) {
-      ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
-    }
-  }
-  lock.lock();
-  ++servingDeliveryTicket_;
-  deliveryTurn_.notify_all();
+void DBusClientAsync::DeliverQueued(std::unique_lock<std::mutex>& poolLock) {
+  detail::OrderedDeliveries::Batch batch = deliveries_->Close();
+  poolLock.unlock();
+  batch.Run([this] { return closing_.load(); },
+            [] { ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence"); });
 }
 
 void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
@@ -329,8 +280,11 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
     ZV_LOGI("Connection lost. Disconnect from the server and stop watcher");
     self.StopBusWatcher();
     self.DBusClient::Disconnect();
-    if (self.commandPool_.empty()) return;
-    ZV_LOGI("Connection is lost, but there are unhandled commands. RestoreConnection");
+    if (!self.commandPool_.empty()) {
+      ZV_LOGI("Connection is lost, but there are unhandled commands. RestoreConnection");
+    }
+    // Also with nothing held: an application that only listens must hear the
+    // daemon's next instance without issuing a command first.
     self.RestoreConnection();
     return;
   }
@@ -338,7 +292,7 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
   while (!self.commandPool_.empty() && !self.closing_) {
     const CommandData command = self.commandPool_.front();
     ZV_LOGI_THD("IpcReady command[%s] STARTED", command.parameters.method.c_str());
-    self.Tally(&Counts::replayed, 1, self.commandPool_.size() - 1);
+    self.tally_->Add(&Counts::replayed, 1, self.commandPool_.size() - 1);
     try {
       self.RunFunction(command);
     } catch (const std::exception&) {
@@ -348,18 +302,14 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
     self.commandPool_.pop_front();
     ZV_LOGI_THD("IpcReady command[%s] FINISHED", command.parameters.method.c_str());
   }
-
-  std::uint64_t ticket = 0;
-  Batch batch = self.TakeDeliveries(ticket);
-  lock.unlock();
-  self.Deliver(std::move(batch), ticket);
+  self.DeliverQueued(lock);
 }
 
 void DBusClientAsync::DiscardPool() {
   for (CommandData& command : commandPool_) {
     if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
   }
-  Tally(&Counts::discarded, static_cast<int>(commandPool_.size()), 0);
+  tally_->Add(&Counts::discarded, static_cast<std::int64_t>(commandPool_.size()), 0);
   commandPool_.clear();
 }
 
@@ -387,37 +337,61 @@ gboolean DBusClientAsync::OnConnectTimer(gpointer handle) {
   detail::CallbackScope scope(handle);
   auto* self = static_cast<DBusClientAsync*>(scope.client());
   if (self == nullptr) return G_SOURCE_REMOVE;
-  ZV_LOGI_THD("Try to connect to DBus server");
-  if (self->DBusClient::Connect()) {
-    self->ResetTimer(false);
-    return G_SOURCE_REMOVE;
+  return self->AttemptConnect(true) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+}
+
+void DBusClientAsync::OnDaemonNameAppeared(GDBusConnection* /*connection*/, const char* /*name*/,
+                                           const char* nameOwner, void* handle) {
+  detail::CallbackScope scope(handle);
+  auto* self = static_cast<DBusClientAsync*>(scope.client());
+  if (self == nullptr || nameOwner == nullptr) return;
+  {
+    // The watch may have been stopped after GLib queued this report.
+    std::lock_guard<std::mutex> lock(self->timerMutex_);
+    if (self->nameWatchId_ == 0 || self->connectTimerId_ == 0) return;
   }
-  return G_SOURCE_CONTINUE;
+  self->AttemptConnect(false);
+}
+
+bool DBusClientAsync::AttemptConnect(bool fromTimer) {
+  std::lock_guard<std::mutex> link(linkMutex_);
+  ZV_LOGI_THD("Try to connect to DBus server");
+  if (DBusClient::Connect()) {
+    testing::Hook(fromTimer ? testing::Point::kConnectedByTimer : testing::Point::kConnectedByNameWatch);
+    // From the timer's own callback the source goes by returning FALSE.
+    ResetTimer(!fromTimer);
+    return true;
+  }
+  // Until the daemon's name gets an owner the timer keeps trying; the watch
+  // makes the attempt as soon as it has one.
+  StartNameWatch();
+  return false;
+}
+
+void DBusClientAsync::StartNameWatch() {
+  common::GObjectPtr<GDBusConnection> bus = BusConnection();
+  if (!bus) return;  // the bus itself is away: only the timer can tell when it is back
+  std::lock_guard<std::mutex> lock(timerMutex_);
+  if (nameWatchId_ != 0 || connectTimerId_ == 0 || closing_) return;
+  nameWatchId_ = g_bus_watch_name_on_connection(bus.get(), kBusName.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                &DBusClientAsync::OnDaemonNameAppeared, nullptr, NewCallbackHandle(),
+                                                &DBusClient::FreeCallbackHandle);
 }
 
 void DBusClientAsync::ResetTimer(bool remove) {
   ZV_LOGI("Reset timer (remove: %d)", remove ? 1 : 0);
   GSource* source = nullptr;
+  guint watch = 0;
   {
     std::lock_guard<std::mutex> lock(timerMutex_);
-    if (remove && connectTimerId_ == 0) return;
+    if (remove && connectTimerId_ == 0 && connectTimerSource_ == nullptr && nameWatchId_ == 0) return;
     connectTimerId_ = 0;
     source = std::exchange(connectTimerSource_, nullptr);
+    watch = std::exchange(nameWatchId_, 0);
   }
+  if (watch != 0) g_bus_unwatch_name(watch);
   if (source == nullptr) return;
   if (remove) g_source_destroy(source);  // no-op if it already went
-  g_source_unref(source);
-}
-
-void DBusClientAsync::RemoveTimerQuietly() {
-  GSource* source = nullptr;
-  {
-    std::lock_guard<std::mutex> lock(timerMutex_);
-    connectTimerId_ = 0;
-    source = std::exchange(connectTimerSource_, nullptr);
-  }
-  if (source == nullptr) return;
-  g_source_destroy(source);
   g_source_unref(source);
 }
 
@@ -436,9 +410,19 @@ bool DBusClientAsync::Disconnect() {
 void DBusClientAsync::Reconnect() {
   ZV_LOGI("Reconnect start");
   std::lock_guard<std::mutex> lock(poolMutex_);
-  DBusClient::Disconnect();
-  Connect();
-  reconnectArmed_ = true;
+  testing::Hook(testing::Point::kReconnectAwaitsLink);
+  {
+    std::lock_guard<std::mutex> link(linkMutex_);
+    // A connect attempt may have restored the link while this task waited:
+    // dropping it now would leave its watcher to report the daemon to a
+    // client without a link.
+    if (!IsConnected()) {
+      DBusClient::Disconnect();
+      Connect();
+      StartNameWatch();
+    }
+  }
+  reconnectPassed_ = true;
   ZV_LOGI("Reconnect end");
 }
 
@@ -452,12 +436,15 @@ void DBusClientAsync::RestoreConnection() {
       ZV_LOGI("Reconnecting is still running. Return");
       // The running task may be past its Reconnect, and the retry timer it
       // armed may just have been removed by a lost-connection report; with
-      // nothing left to retry, held commands would wait for a command of
-      // another name. Arm it again, as the task did (a no-op if armed).
-      if (reconnectArmed_) Connect();
+      // nothing left to retry, the link would never come back. Arm it again,
+      // as the task did (a no-op if armed).
+      if (reconnectPassed_ && !IsConnected()) {
+        Connect();
+        StartNameWatch();
+      }
       return;
     }
-    reconnectArmed_ = false;
+    reconnectPassed_ = false;
     reconnectFuture_ = std::async(std::launch::async, [this] {
       Reconnect();
       return true;
@@ -466,20 +453,9 @@ void DBusClientAsync::RestoreConnection() {
   ZV_LOGI("RestoreConnection end");
 }
 
-void DBusClientAsync::Tally(std::uint64_t Counts::*field, int delta, std::size_t held) {
-  std::lock_guard<std::mutex> lock(countsMutex_);
-  counts_.*field += static_cast<std::uint64_t>(static_cast<std::int64_t>(delta));
-  if (held != kHeldUnchanged) counts_.held = held;
-}
-
 DBusClientAsync::Counts DBusClientAsync::GetCounts() {
-  Counts counts;
-  {
-    std::lock_guard<std::mutex> lock(countsMutex_);
-    counts = counts_;
-  }
-  std::lock_guard<std::mutex> lock(gate_->mutex);
-  counts.inFlight = gate_->inFlight;
+  Counts counts = tally_->Snapshot();
+  counts.inFlight = gate_->InFlight();
   return counts;
 }
 

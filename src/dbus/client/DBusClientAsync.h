@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -21,31 +20,44 @@ namespace zv_client {
 namespace dbus {
 namespace client {
 
+namespace detail {
+class CommandGate;
+class CommandIntake;
+class CommandTally;
+class OrderedDeliveries;
+}  // namespace detail
+
 // The command layer. Call never waits for D-Bus: each accepted command runs on
 // a detached thread of its own, in the order the commands were accepted; while
 // the daemon is not ready, commands are held in a pool and replayed, oldest
-// first and at most once, when the daemon's bus name gets a new owner. A lost link is restored in the
-// background by a 500 ms retry timer on the default main context.
+// first and at most once, when the daemon's bus name gets a new owner.
+//
+// A lost link is restored in the background, whether or not commands are
+// held, so that the daemon's signals reach a listening application after the
+// daemon restarted: a 500 ms retry timer on the default main context tries to
+// connect, and while it runs the daemon's name is watched, so that the
+// attempt is made at once when the name gets an owner.
 //
 // Lock order (outermost first), extending DBusClient's:
 //   callback anchor (main-loop callbacks) -> signal mutex (a handler that calls
-//   Disconnect) -> poolMutex_ -> restoreMutex -> timerMutex_, and
-//   poolMutex_ -> connectionMutex_.
-// intakeMutex_, deliveryMutex_ and the command gate's mutex are leaves, never held while
-// anything else is taken or any callback runs.
+//   Disconnect) -> poolMutex_ -> linkMutex_ -> DBusClient's connectionMutex_,
+//   and poolMutex_ -> restoreMutex -> timerMutex_. timerMutex_ and the locks
+//   of the small mechanisms (intake, deliveries, gate, tally) are leaves.
 //
 // How the hazards of this layer are closed:
 //  - Deliveries vs. Disconnect: the profile-reading command only queues its
 //    "onFound" payloads while poolMutex_ is held; they are dispatched after
-//    poolMutex_ is released, batch by batch in the order the replies were
-//    read (a ticket taken under poolMutex_). So a callback may call
-//    StopBroadcast/Disconnect, and onDbusClosing (signal mutex held) never
-//    waits for a thread that waits for the signal mutex.
+//    it is released, batch by batch in the order the replies were read. So a
+//    callback may call StopBroadcast/Disconnect, and onDbusClosing (signal
+//    mutex held) never waits for a thread that waits for the signal mutex.
+//  - Restoration vs. a connect attempt: both run under linkMutex_, and a
+//    restoration leaves a link alone that an attempt made meanwhile; so the
+//    layer is never ready without a link (a command that found it so would
+//    drop the readiness and have the link restored).
 //  - Commands outliving the client: every accepted command is counted in a
-//    gate that its thread shares; the destructor cancels the D-Bus call in
-//    flight, discards commands that have not run yet and waits for the count
-//    to reach zero. The wait is bounded by the application callbacks that are
-//    running at that moment (no D-Bus timeout is waited for).
+//    gate that its thread shares; the destructor lets them run for a grace
+//    period, then cancels the D-Bus call in flight, discards commands that
+//    have not run yet and waits for the count to reach zero.
 //  - Main-loop callbacks vs. teardown: the timer, watcher and signal
 //    registrations carry a handle, not the client; the destructor detaches the
 //    handle first (waiting for a callback that is running), so one that GLib
@@ -67,8 +79,8 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   };
 
   // Where accepted commands ended; for tests and diagnostics (never waits for
-  // a command that is running). Once no command is in flight, accepted == ranAtOnce + replayed + droppedDuplicate +
-  // discarded + failed + held.
+  // a command that is running). Once no command is in flight, accepted ==
+  // ranAtOnce + replayed + droppedDuplicate + discarded + failed + held.
   struct Counts {
     std::uint64_t accepted = 0;
     std::uint64_t ranAtOnce = 0;
@@ -82,8 +94,10 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   };
 
   DBusClientAsync();
-  // Waits for the commands it accepted (see above); must not run on a thread
-  // that is inside one of this client's commands or callbacks.
+  // Lets the commands it accepted run for up to a grace period of 1 s, then
+  // cancels the call in flight and discards the rest, and waits for their
+  // threads; must not run on a thread that is inside one of this client's
+  // commands or callbacks.
   ~DBusClientAsync() override;
 
   // Arms the connect retry timer; always true.
@@ -104,9 +118,6 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   Counts GetCounts();
 
  private:
-  struct CommandGate;
-  using Batch = std::vector<common::GVariantPtr>;
-
   void SetFunctions();
   // The two command functions of the table and the IpcReady handler: small
   // callables that hold the client pointer and nothing else.
@@ -122,17 +133,19 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     DBusClientAsync* client;
     void operator()(bool isReady) const;
   };
-  // What each command thread runs: the oldest accepted command not yet taken.
-  int ExecuteNext();
-  int ExecuteCommand(const CommandData* given);  // null: the oldest of intake_
-  // Runs the command's function; poolMutex_ held.
-  bool RunFunction(const CommandData& command);
-  // Takes the queued deliveries and their turn in `ticket`; poolMutex_ held.
-  Batch TakeDeliveries(std::uint64_t& ticket);
-  void Deliver(Batch batch, std::uint64_t ticket);
-  void DiscardPool();  // poolMutex_ held
-  void RemoveTimerQuietly();
+  int ExecuteCommand(const CommandData* given);  // null: the oldest accepted command
+  bool RunFunction(const CommandData& command);  // poolMutex_ held
+  void DiscardPool();                            // poolMutex_ held
+  // Runs what was queued under poolMutex_; call it once that is released.
+  void DeliverQueued(std::unique_lock<std::mutex>& poolLock);
+
+  // One connect attempt of the retry timer or of the name watch; true when
+  // connected. Takes linkMutex_.
+  bool AttemptConnect(bool fromTimer);
+  void StartNameWatch();
   static gboolean OnConnectTimer(gpointer handle);
+  static void OnDaemonNameAppeared(GDBusConnection* connection, const char* name, const char* nameOwner,
+                                   void* handle);
 
   GVariant* lastReply_ = nullptr;                    // owned; guarded by poolMutex_
   std::vector<common::SessionProfile> profiles_;    // guarded by poolMutex_
@@ -140,30 +153,23 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   std::mutex poolMutex_;
   std::deque<CommandData> commandPool_;  // guarded by poolMutex_; holds a full ref to each params
   guint connectTimerId_ = 0;             // guarded by timerMutex_
-  GSource* connectTimerSource_ = nullptr;  // owned ref to the armed timer; guarded by timerMutex_
   std::future<bool> reconnectFuture_;    // guarded by the process-wide restore mutex
-  std::atomic<bool> reconnectArmed_{false};  // the last task's Reconnect has armed the timer; under poolMutex_
   std::atomic<bool> ready_{false};       // written under poolMutex_
   std::mutex timerMutex_;
   std::string activeCommand_;  // guarded by poolMutex_
 
-  std::mutex intakeMutex_;             // leaf; taken under poolMutex_ by command threads
-  std::deque<CommandData> intake_;     // accepted, not yet taken by a thread; guarded by intakeMutex_
-  std::atomic<bool> draining_{false};     // set first in the destructor: nothing new is pooled
-  std::atomic<bool> closing_{false};      // set after the grace period: nothing new runs
-  Batch pendingDeliveries_;               // guarded by poolMutex_
-  std::uint64_t nextDeliveryTicket_ = 0;  // guarded by poolMutex_
-  std::mutex deliveryMutex_;
-  std::condition_variable deliveryTurn_;
-  std::uint64_t servingDeliveryTicket_ = 0;  // guarded by deliveryMutex_
-  std::shared_ptr<CommandGate> gate_;
-
-  // Adds `delta` to one count and, unless kHeldUnchanged, records the pool
-  // size, in one step, so that a snapshot always adds up.
-  static constexpr std::size_t kHeldUnchanged = static_cast<std::size_t>(-1);
-  void Tally(std::uint64_t Counts::*field, int delta = 1, std::size_t held = kHeldUnchanged);
-  std::mutex countsMutex_;  // leaf
-  Counts counts_;           // guarded by countsMutex_ (inFlight unused: the gate has it)
+  GSource* connectTimerSource_ = nullptr;  // owned ref to the armed timer; guarded by timerMutex_
+  guint nameWatchId_ = 0;                  // the daemon's name while the timer is armed; guarded by timerMutex_
+  std::mutex linkMutex_;                   // see "Restoration vs. a connect attempt" above
+  // The last task's Reconnect is done (a timer it armed may since have been
+  // removed); written under poolMutex_ and the restore mutex.
+  std::atomic<bool> reconnectPassed_{false};
+  std::atomic<bool> draining_{false};  // set first in the destructor: nothing new is pooled
+  std::atomic<bool> closing_{false};   // set after the grace period: nothing new runs
+  std::unique_ptr<detail::CommandIntake> intake_;
+  std::unique_ptr<detail::OrderedDeliveries> deliveries_;  // what runs after poolMutex_ is released
+  std::unique_ptr<detail::CommandTally> tally_;
+  std::shared_ptr<detail::CommandGate> gate_;
 };
 
 }  // namespace client

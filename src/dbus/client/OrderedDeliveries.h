@@ -1,0 +1,64 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+namespace zv_client {
+namespace dbus {
+namespace client {
+namespace detail {
+
+// Work that a command produces while the pool lock is held (the "onFound"
+// payloads of a profile read), run only after that lock was released, so that
+// an application callback may call back into the client. Batches run one at a
+// time, in the order in which they were closed.
+//
+// Locks: Add(), Discard() and Close() run under the caller's lock that orders
+// the batches (the pool lock); it guards pending_ and nextTicket_. Turns are
+// passed under turnMutex_, a leaf, never held while an action runs.
+// Invariant: the batch of ticket n runs only after every batch of a lower
+// ticket has run or was dropped; a closed batch always passes its turn on.
+class OrderedDeliveries {
+ public:
+  using Action = std::function<void()>;
+
+  class Batch {
+   public:
+    Batch() = default;
+    Batch(Batch&& other) noexcept;
+    Batch& operator=(Batch&&) = delete;
+    ~Batch();  // passes the turn on if the batch never ran
+    // Waits for the batch's turn and runs its actions (`skip` tells when the
+    // rest should be dropped, e.g. once teardown started), then passes the
+    // turn on. An action's exception is passed to `failed` and the batch goes on.
+    void Run(const std::function<bool()>& skip, const std::function<void()>& failed);
+
+   private:
+    friend class OrderedDeliveries;
+    OrderedDeliveries* owner_ = nullptr;
+    std::uint64_t ticket_ = 0;
+    std::vector<Action> actions_;
+  };
+
+  void Add(Action action);      // caller's lock held
+  void Discard();               // caller's lock held: drops what was added since the last Close
+  Batch Close();                // caller's lock held: the pending actions with their turn
+
+ private:
+  void AwaitTurn(std::uint64_t ticket);
+  void PassTurn();
+
+  std::vector<Action> pending_;  // guarded by the caller's lock
+  std::uint64_t nextTicket_ = 0;  // guarded by the caller's lock
+  std::mutex turnMutex_;
+  std::condition_variable turn_;
+  std::uint64_t serving_ = 0;  // guarded by turnMutex_
+};
+
+}  // namespace detail
+}  // namespace client
+}  // namespace dbus
+}  // namespace zv_client

@@ -1,0 +1,29 @@
+#pragma once
+
+// Internal: points in the command layer where a test can step in to force an
+// interleaving of threads that would otherwise be a matter of luck. Not
+// installed, not exported; without a hook installed a point costs one
+// relaxed atomic load.
+
+#include <functional>
+
+namespace zv_client {
+namespace dbus {
+namespace client {
+namespace testing {
+
+enum class Point {
+  kConnectedByTimer,      // a retry attempt connected; the timer is not reset yet (main-loop thread, link lock held)
+  kConnectedByNameWatch,  // as above, for the attempt made when the daemon's name got an owner
+  kReconnectAwaitsLink,  // a restoration task holds the pool lock and is about to take the link lock
+};
+
+// Installs `hook` for every point (an empty one removes it). The hook runs on
+// the thread that reached the point, under the locks named above.
+void SetHook(std::function<void(Point)> hook);
+void Hook(Point point);
+
+}  // namespace testing
+}  // namespace client
+}  // namespace dbus
+}  // namespace zv_client
