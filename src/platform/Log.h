@@ -7,12 +7,16 @@
 #include <cstddef>
 #include <type_traits>
 
-#include <common/GLibUtils.h>
 #include <platform/SystemLog.h>
 
 namespace zv_client {
 namespace platform {
 namespace detail {
+
+// The calling thread's id as std::thread::id prints it in hexadecimal
+// (logt::thread_id() returns the same text). Formatted once per thread; the
+// text lives as long as the thread.
+const char* ThreadIdText();
 
 constexpr std::size_t BasenameOffset(const char* path) {
   std::size_t offset = 0;
@@ -40,4 +44,4 @@ constexpr std::size_t BasenameOffset(const char* path) {
 #define ZV_LOGE(fmt, ...) ZV_LOG_(kSystem, kError, fmt, ##__VA_ARGS__)
 #define ZV_LOGI_MAIN(fmt, ...) ZV_LOG_(kMain, kInfo, fmt, ##__VA_ARGS__)
 #define ZV_LOGI_THD(fmt, ...) \
-  ZV_LOG_(kSystem, kInfo, "thd: %s \"" fmt "\"", ::logt::thread_id().c_str(), ##__VA_ARGS__)
+  ZV_LOG_(kSystem, kInfo, "thd: %s \"" fmt "\"", ::zv_client::platform::detail::ThreadIdText(), ##__VA_ARGS__)

@@ -6,9 +6,12 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <thread>
 
 #include <platform/Journal.h>
+#include <platform/Log.h>
 
 namespace zv_client {
 namespace platform {
@@ -90,5 +93,20 @@ void SetLogSink(LogSink sink) {
   // the lock, or later by the last thread still running it.
 }
 
+namespace detail {
+
+const char* ThreadIdText() {
+  // A thread's id never changes, so it is formatted once per thread.
+  thread_local char text[32] = "";
+  if (text[0] == '\0') {
+    std::ostringstream stream;
+    stream.setf(std::ios_base::hex, std::ios_base::basefield);
+    stream << std::this_thread::get_id();
+    std::snprintf(text, sizeof text, "%s", stream.str().c_str());
+  }
+  return text;
+}
+
+}  // namespace detail
 }  // namespace platform
 }  // namespace zv_client

@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include <common/Export.h>
+#include <platform/Export.h>
 
 namespace zv_client {
 namespace platform {
