@@ -2,6 +2,7 @@
 
 // Internal logging macros. Every line starts with "<file>: <function>(<line>) > ";
 // the *_THD variants continue with "thd: <thread id> " and the quoted message.
+// The journal also gets file, line and function as fields of their own.
 // A source file defines `kLogTag` (its tag) before using them.
 
 #include <cstddef>
@@ -18,6 +19,11 @@ namespace detail {
 // text lives as long as the thread.
 const char* ThreadIdText();
 
+// LogPrint for the macros below: the same line, and where it was logged
+// (`file` without its folders) for the journal's CODE_* fields.
+void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line,
+              const char* function, const char* format, ...) __attribute__((format(printf, 7, 8)));
+
 constexpr std::size_t BasenameOffset(const char* path) {
   std::size_t offset = 0;
   for (std::size_t i = 0; path[i] != '\0'; ++i) {
@@ -33,11 +39,11 @@ constexpr std::size_t BasenameOffset(const char* path) {
 #define ZV_LOG_FILE_ \
   (&__FILE__[std::integral_constant<std::size_t, ::zv_client::platform::detail::BasenameOffset(__FILE__)>::value])
 
-#define ZV_LOG_(buffer, priority, fmt, ...)                                                  \
-  ::zv_client::platform::LogPrint(::zv_client::platform::LogBuffer::buffer,                \
-                                  ::zv_client::platform::LogPriority::priority, kLogTag, \
-                                  "%s: %s(%d) > " fmt, ZV_LOG_FILE_, __func__, __LINE__,   \
-                                  ##__VA_ARGS__)
+#define ZV_LOG_(buffer, priority, fmt, ...)                                                                    \
+  ::zv_client::platform::detail::LogWrite(::zv_client::platform::LogBuffer::buffer,                          \
+                                          ::zv_client::platform::LogPriority::priority, kLogTag, ZV_LOG_FILE_, \
+                                          __LINE__, __func__, "%s: %s(%d) > " fmt, ZV_LOG_FILE_, __func__,     \
+                                          __LINE__, ##__VA_ARGS__)
 
 #define ZV_LOGI(fmt, ...) ZV_LOG_(kSystem, kInfo, fmt, ##__VA_ARGS__)
 #define ZV_LOGW(fmt, ...) ZV_LOG_(kSystem, kWarning, fmt, ##__VA_ARGS__)

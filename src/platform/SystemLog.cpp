@@ -38,35 +38,37 @@ std::shared_ptr<const LogSink> Sink() {
   return state.sink;
 }
 
-}  // namespace
-
-void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const char* format, ...) {
+// The line is formatted straight after "MESSAGE=": the journal gets it as a
+// ready field, a sink gets the text after the key.
+void Write(LogBuffer buffer, LogPriority priority, const char* tag, const detail::CodeSite& site,
+           const char* format, va_list args) {
   const std::shared_ptr<const LogSink> sink = Sink();
   // With no journal listening nobody would receive the line: skip even
   // formatting it.
   if (!sink && !detail::JournalReachable()) return;
 
+  static constexpr char kKey[] = "MESSAGE=";
+  constexpr std::size_t kKeyLength = sizeof kKey - 1;
   char stackBuffer[512];
+  std::memcpy(stackBuffer, kKey, kKeyLength);
   std::string heapBuffer;
-  const char* text = stackBuffer;
+  const char* field = stackBuffer;
   std::size_t length = 0;
 
-  va_list args;
-  va_start(args, format);
   va_list retry;
   va_copy(retry, args);
-  const int needed = std::vsnprintf(stackBuffer, sizeof stackBuffer, format, args);
-  va_end(args);
+  const int needed = std::vsnprintf(stackBuffer + kKeyLength, sizeof stackBuffer - kKeyLength, format, args);
   if (needed < 0) {
-    heapBuffer = format;  // an encoding error: keep at least the format
-    text = heapBuffer.c_str();
-    length = heapBuffer.size();
-  } else if (static_cast<std::size_t>(needed) >= sizeof stackBuffer) {
-    heapBuffer.resize(static_cast<std::size_t>(needed) + 1);
-    std::vsnprintf(&heapBuffer[0], heapBuffer.size(), format, retry);
-    heapBuffer.resize(static_cast<std::size_t>(needed));
-    text = heapBuffer.c_str();
-    length = heapBuffer.size();
+    heapBuffer = std::string(kKey) + format;  // an encoding error: keep at least the format
+    field = heapBuffer.c_str();
+    length = heapBuffer.size() - kKeyLength;
+  } else if (static_cast<std::size_t>(needed) >= sizeof stackBuffer - kKeyLength) {
+    heapBuffer.assign(kKey);
+    heapBuffer.resize(kKeyLength + static_cast<std::size_t>(needed) + 1);
+    std::vsnprintf(&heapBuffer[kKeyLength], heapBuffer.size() - kKeyLength, format, retry);
+    heapBuffer.pop_back();
+    field = heapBuffer.c_str();
+    length = static_cast<std::size_t>(needed);
   } else {
     length = static_cast<std::size_t>(needed);
   }
@@ -74,10 +76,19 @@ void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const cha
 
   if (tag == nullptr) tag = "";
   if (sink) {
-    (*sink)(buffer, priority, tag, text);
+    (*sink)(buffer, priority, tag, field + kKeyLength);
   } else {
-    detail::JournalSend(buffer, priority, tag, text, length);
+    detail::JournalSend(buffer, priority, tag, site, field, kKeyLength + length);
   }
+}
+
+}  // namespace
+
+void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  Write(buffer, priority, tag, detail::CodeSite{nullptr, 0, nullptr}, format, args);
+  va_end(args);
 }
 
 void SetLogSink(LogSink sink) {
@@ -94,6 +105,14 @@ void SetLogSink(LogSink sink) {
 }
 
 namespace detail {
+
+void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line,
+              const char* function, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  Write(buffer, priority, tag, CodeSite{file, line, function}, format, args);
+  va_end(args);
+}
 
 const char* ThreadIdText() {
   // A thread's id never changes, so it is formatted once per thread.
