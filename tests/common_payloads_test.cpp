@@ -367,11 +367,30 @@ std::string JournalContractProblems() {
   // The exported entry knows no site: the prefix is the caller's, and no CODE_* fields.
   platform::LogPrint(LogBuffer::kSystem, LogPriority::kWarning, "zorvel.zorvel", "%s: %s(%d) > plain", "a.cpp", "f", 3);
   expect(receive(20000), {"MESSAGE=a.cpp: f(3) > plain", "PRIORITY=4", "SYSLOG_IDENTIFIER=zorvel.zorvel"}, "\nCODE_");
+  // Below the level nothing is sent: the next line to arrive is the one at it.
+  platform::SetLogLevel(LogPriority::kError);
+  ZV_LOGW("below the level");
+  ZV_LOGE("at the level");
+  expect(receive(20000), {"PRIORITY=3"}, "below the level");
   close(journal);
   return problems;
 }
 
-TEST_F(SystemLog, TheJournalGetsEveryLineWithItsPrefixBufferPriorityTagAndSiteOnceItListens) {
+TEST_F(SystemLog, TheJournalGetsEveryLineAtTheLevelWithItsPrefixBufferPriorityTagAndSiteOnceItListens) {
+  using platform::detail::LogLevelFromText;  // ZORVEL_LOG_LEVEL's values
+  EXPECT_EQ(LogLevelFromText("warning", LogPriority::kInfo), LogPriority::kWarning);
+  EXPECT_EQ(LogLevelFromText("ERROR", LogPriority::kInfo), LogPriority::kError);
+  EXPECT_EQ(LogLevelFromText("debug", LogPriority::kWarning), LogPriority::kWarning);
+  EXPECT_EQ(LogLevelFromText(nullptr, LogPriority::kInfo), LogPriority::kInfo);
+  {  // A sink gets what the system log would.
+    zv_client::testing::LogCapture log;
+    platform::SetLogLevel(LogPriority::kWarning);
+    Log("below the level");
+    platform::LogPrint(LogBuffer::kSystem, LogPriority::kWarning, "t", "at the level");
+    platform::SetLogLevel(LogPriority::kInfo);
+    EXPECT_EQ(log.Dump(), "[t] at the level\n");
+  }
+
   int report[2];
   ASSERT_EQ(pipe2(report, O_CLOEXEC), 0);
   const pid_t child = fork();  // single-threaded, as a new namespace needs

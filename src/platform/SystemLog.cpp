@@ -1,8 +1,11 @@
 #include <platform/SystemLog.h>
 
+#include <strings.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -85,6 +88,7 @@ void Write(LogBuffer buffer, LogPriority priority, const char* tag, const detail
 }  // namespace
 
 void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const char* format, ...) {
+  if (!detail::LogWanted(priority)) return;
   va_list args;
   va_start(args, format);
   Write(buffer, priority, tag, detail::CodeSite{nullptr, 0, nullptr}, format, args);
@@ -104,7 +108,27 @@ void SetLogSink(LogSink sink) {
   // the lock, or later by the last thread still running it.
 }
 
+void SetLogLevel(LogPriority minimum) { detail::logLevel.store(static_cast<int>(minimum), std::memory_order_relaxed); }
+
 namespace detail {
+
+// Constant-initialised: right even for lines logged by static constructors.
+std::atomic<int> logLevel{kLevelUnread};
+
+int ReadLogLevel() {
+  const int fromEnvironment = static_cast<int>(LogLevelFromText(std::getenv("ZORVEL_LOG_LEVEL"), LogPriority::kInfo));
+  int level = kLevelUnread;
+  // A SetLogLevel that came meanwhile stands.
+  return logLevel.compare_exchange_strong(level, fromEnvironment, std::memory_order_relaxed) ? fromEnvironment : level;
+}
+
+LogPriority LogLevelFromText(const char* text, LogPriority fallback) {
+  if (text == nullptr) return fallback;
+  if (strcasecmp(text, "info") == 0) return LogPriority::kInfo;
+  if (strcasecmp(text, "warning") == 0) return LogPriority::kWarning;
+  if (strcasecmp(text, "error") == 0) return LogPriority::kError;
+  return fallback;
+}
 
 void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line,
               const char* function, const char* format, ...) {
