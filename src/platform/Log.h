@@ -37,8 +37,9 @@ inline bool LogWanted(LogPriority priority) {
   return static_cast<int>(priority) >= level;
 }
 
-// LogPrint for the macros below, which have checked LogWanted: the same line, and where it was logged
-// (`file` without its folders) for the journal's CODE_* fields.
+// LogPrint for the macros below, which have checked LogWanted: the same
+// line, and where it was logged (`file` without its folders) for the
+// journal's CODE_* fields.
 void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line,
               const char* function, const char* format, ...) __attribute__((format(printf, 7, 8)));
 

@@ -11,9 +11,9 @@ enum class LogBuffer { kMain, kSystem };
 enum class LogPriority { kInfo, kWarning, kError };
 
 // Writes one formatted line to the system log (the systemd journal), or to
-// the sink installed with SetLogSink. Without a sink and with no journal
-// listening, and below the level set with SetLogLevel, the line is dropped
-// before it is formatted.
+// the sink installed with SetLogSink. A line below the level (SetLogLevel),
+// or one for the system log while no journal listens, is dropped before it
+// is formatted.
 ZORVEL_API void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag,
                          const char* format, ...) __attribute__((format(printf, 4, 5)));
 
