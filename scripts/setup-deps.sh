@@ -7,6 +7,7 @@ set -euo pipefail
 required=(
   build-essential cmake ninja-build pkg-config
   libglib2.0-dev libglib2.0-bin   # GLib/GIO headers; gdbus for poking the bus by hand
+  libsystemd-dev                  # the journal client the log writes through
   dbus-daemon                     # the tests' private bus
   googletest libgtest-dev libbenchmark-dev
   valgrind gnuplot-nox python3

@@ -1,8 +1,5 @@
 #pragma once
 
-// Marks the library's exported interface; everything else stays hidden.
-#if defined(ZORVEL_STATIC)
-#define ZORVEL_API
-#else
-#define ZORVEL_API __attribute__((visibility("default")))
-#endif
+// Marks the library's exported interface (ZORVEL_API); kept for code that
+// includes it from here.
+#include <platform/Export.h>

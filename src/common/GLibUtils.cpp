@@ -2,9 +2,7 @@
 
 #include <cstring>
 #include <initializer_list>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include <common/GLibPtr.h>
 #include <platform/Log.h>
@@ -197,15 +195,7 @@ bool DeserializeDataFromGVariant(GVariant* value, std::string& data) {
 
 namespace logt {
 
-std::string thread_id() {
-  // A thread's id never changes, so it is formatted once per thread.
-  thread_local const std::string id = [] {
-    std::ostringstream text;
-    text.setf(std::ios_base::hex, std::ios_base::basefield);
-    text << std::this_thread::get_id();
-    return text.str();
-  }();
-  return id;
-}
+// The log formats the id for its own lines; the text here must be the same.
+std::string thread_id() { return zv_client::platform::detail::ThreadIdText(); }
 
 }  // namespace logt

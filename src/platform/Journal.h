@@ -1,8 +1,7 @@
 #pragma once
 
-// The library's own writer of the systemd journal's native protocol: one
-// datagram per entry on the journal's socket, the fields of a log line and
-// nothing else. Internal: not installed, not exported.
+// The systemd journal as the log's default output, through libsystemd.
+// Internal: not installed, not exported.
 
 #include <cstddef>
 
@@ -12,22 +11,27 @@ namespace zv_client {
 namespace platform {
 namespace detail {
 
-// Whether an entry sent now would find a journal listening. Cheap (one atomic
-// load) while it does; while it does not, the socket is probed again at most
-// every 250 ms and the answer is false in between, so a caller can skip even
+// Where a line was logged: file name without its folders, line, function.
+// All null (and 0) for lines that come without one.
+struct CodeSite {
+  const char* file;
+  int line;
+  const char* function;
+};
+
+// Whether an entry sent now would find a journal listening. The answer is
+// looked up again at most every 250 ms (and at the next line after a failed
+// send) and costs a clock read in between, so a caller can skip even
 // formatting a line nobody would receive.
 bool JournalReachable();
 
-// Sends one entry: MESSAGE (`length` bytes of `text`, any bytes), PRIORITY
-// (6, 4 or 3), SYSLOG_IDENTIFIER (`tag`, a C string) and ZORVEL_LOG_BUFFER
-// (main or system). Dropped silently when the journal is not reachable or
-// refuses the entry. Thread-safe.
-void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const char* text, std::size_t length);
-
-// For tests and the benchmark: sends to the datagram socket at `path` instead
-// of the journal's (nullptr: the journal's again). Connects at once; from
-// then on the path behaves like the journal's (probed again when absent).
-void SetJournalPathForTesting(const char* path);
+// Sends one entry: `message` is the MESSAGE field, "MESSAGE=" included
+// (`length` bytes, any bytes), then PRIORITY (6, 4 or 3), SYSLOG_IDENTIFIER
+// (`tag`), ZORVEL_LOG_BUFFER (main or system) and, when known, CODE_FILE,
+// CODE_LINE and CODE_FUNC. Dropped silently when the journal refuses it.
+// Thread-safe.
+void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site,
+                 const char* message, std::size_t length);
 
 }  // namespace detail
 }  // namespace platform

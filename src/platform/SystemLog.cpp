@@ -1,14 +1,20 @@
 #include <platform/SystemLog.h>
 
+#include <strings.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <thread>
 
 #include <platform/Journal.h>
+#include <platform/Log.h>
 
 namespace zv_client {
 namespace platform {
@@ -35,35 +41,37 @@ std::shared_ptr<const LogSink> Sink() {
   return state.sink;
 }
 
-}  // namespace
-
-void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const char* format, ...) {
+// The line is formatted straight after "MESSAGE=": the journal gets it as a
+// ready field, a sink gets the text after the key.
+void Write(LogBuffer buffer, LogPriority priority, const char* tag, const detail::CodeSite& site,
+           const char* format, va_list args) {
   const std::shared_ptr<const LogSink> sink = Sink();
   // With no journal listening nobody would receive the line: skip even
   // formatting it.
   if (!sink && !detail::JournalReachable()) return;
 
+  static constexpr char kKey[] = "MESSAGE=";
+  constexpr std::size_t kKeyLength = sizeof kKey - 1;
   char stackBuffer[512];
+  std::memcpy(stackBuffer, kKey, kKeyLength);
   std::string heapBuffer;
-  const char* text = stackBuffer;
+  const char* field = stackBuffer;
   std::size_t length = 0;
 
-  va_list args;
-  va_start(args, format);
   va_list retry;
   va_copy(retry, args);
-  const int needed = std::vsnprintf(stackBuffer, sizeof stackBuffer, format, args);
-  va_end(args);
+  const int needed = std::vsnprintf(stackBuffer + kKeyLength, sizeof stackBuffer - kKeyLength, format, args);
   if (needed < 0) {
-    heapBuffer = format;  // an encoding error: keep at least the format
-    text = heapBuffer.c_str();
-    length = heapBuffer.size();
-  } else if (static_cast<std::size_t>(needed) >= sizeof stackBuffer) {
-    heapBuffer.resize(static_cast<std::size_t>(needed) + 1);
-    std::vsnprintf(&heapBuffer[0], heapBuffer.size(), format, retry);
-    heapBuffer.resize(static_cast<std::size_t>(needed));
-    text = heapBuffer.c_str();
-    length = heapBuffer.size();
+    heapBuffer = std::string(kKey) + format;  // an encoding error: keep at least the format
+    field = heapBuffer.c_str();
+    length = heapBuffer.size() - kKeyLength;
+  } else if (static_cast<std::size_t>(needed) >= sizeof stackBuffer - kKeyLength) {
+    heapBuffer.assign(kKey);
+    heapBuffer.resize(kKeyLength + static_cast<std::size_t>(needed) + 1);
+    std::vsnprintf(&heapBuffer[kKeyLength], heapBuffer.size() - kKeyLength, format, retry);
+    heapBuffer.pop_back();
+    field = heapBuffer.c_str();
+    length = static_cast<std::size_t>(needed);
   } else {
     length = static_cast<std::size_t>(needed);
   }
@@ -71,10 +79,20 @@ void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const cha
 
   if (tag == nullptr) tag = "";
   if (sink) {
-    (*sink)(buffer, priority, tag, text);
+    (*sink)(buffer, priority, tag, field + kKeyLength);
   } else {
-    detail::JournalSend(buffer, priority, tag, text, length);
+    detail::JournalSend(buffer, priority, tag, site, field, kKeyLength + length);
   }
+}
+
+}  // namespace
+
+void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const char* format, ...) {
+  if (!detail::LogWanted(priority)) return;
+  va_list args;
+  va_start(args, format);
+  Write(buffer, priority, tag, detail::CodeSite{nullptr, 0, nullptr}, format, args);
+  va_end(args);
 }
 
 void SetLogSink(LogSink sink) {
@@ -90,5 +108,48 @@ void SetLogSink(LogSink sink) {
   // the lock, or later by the last thread still running it.
 }
 
+void SetLogLevel(LogPriority minimum) { detail::logLevel.store(static_cast<int>(minimum), std::memory_order_relaxed); }
+
+namespace detail {
+
+// Constant-initialised: right even for lines logged by static constructors.
+std::atomic<int> logLevel{kLevelUnread};
+
+int ReadLogLevel() {
+  const int fromEnvironment = static_cast<int>(LogLevelFromText(std::getenv("ZORVEL_LOG_LEVEL"), LogPriority::kInfo));
+  int level = kLevelUnread;
+  // A SetLogLevel that came meanwhile stands.
+  return logLevel.compare_exchange_strong(level, fromEnvironment, std::memory_order_relaxed) ? fromEnvironment : level;
+}
+
+LogPriority LogLevelFromText(const char* text, LogPriority fallback) {
+  if (text == nullptr) return fallback;
+  if (strcasecmp(text, "info") == 0) return LogPriority::kInfo;
+  if (strcasecmp(text, "warning") == 0) return LogPriority::kWarning;
+  if (strcasecmp(text, "error") == 0) return LogPriority::kError;
+  return fallback;
+}
+
+void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line,
+              const char* function, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  Write(buffer, priority, tag, CodeSite{file, line, function}, format, args);
+  va_end(args);
+}
+
+const char* ThreadIdText() {
+  // A thread's id never changes, so it is formatted once per thread.
+  thread_local char text[32] = "";
+  if (text[0] == '\0') {
+    std::ostringstream stream;
+    stream.setf(std::ios_base::hex, std::ios_base::basefield);
+    stream << std::this_thread::get_id();
+    std::snprintf(text, sizeof text, "%s", stream.str().c_str());
+  }
+  return text;
+}
+
+}  // namespace detail
 }  // namespace platform
 }  // namespace zv_client

@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include <common/Export.h>
+#include <platform/Export.h>
 
 namespace zv_client {
 namespace platform {
@@ -11,8 +11,9 @@ enum class LogBuffer { kMain, kSystem };
 enum class LogPriority { kInfo, kWarning, kError };
 
 // Writes one formatted line to the system log (the systemd journal), or to
-// the sink installed with SetLogSink. Without a sink and with no journal
-// listening, the line is dropped before it is formatted.
+// the sink installed with SetLogSink. A line below the level (SetLogLevel),
+// or one for the system log while no journal listens, is dropped before it
+// is formatted.
 ZORVEL_API void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag,
                          const char* format, ...) __attribute__((format(printf, 4, 5)));
 
@@ -26,6 +27,15 @@ using LogSink =
 // the old or the new sink, and the old sink is destroyed only once no thread
 // is still running it (a sink may even replace itself).
 ZORVEL_API void SetLogSink(LogSink sink);
+
+// Lines of a priority below `minimum` are dropped before they are formatted,
+// whether they would go to the system log or to a sink: a sink receives what
+// the system log would. Until this is first called, the level comes from the
+// environment variable ZORVEL_LOG_LEVEL, read once, when the first line is
+// logged: "info" (every line), "warning" or "error", in any case; unset or
+// any other value means info. Safe while other threads log; a line being
+// logged meanwhile may still be judged by the previous level.
+ZORVEL_API void SetLogLevel(LogPriority minimum);
 
 }  // namespace platform
 }  // namespace zv_client

@@ -21,6 +21,7 @@ set(expected
   include/zorvel/dbus/client/DBusClient.h
   include/zorvel/dbus/client/DBusClientAsync.h
   include/zorvel/dbus/client/ServiceContract.h
+  include/zorvel/platform/Export.h
   include/zorvel/platform/SystemLog.h
   share/dbus-1/interfaces/dbus.zorvel.Interface.xml)
 set(internal
