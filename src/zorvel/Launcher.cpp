@@ -15,13 +15,18 @@
 
 namespace zv_client {
 namespace zorvel {
-namespace {
 
+using dbus::client::detail::ClientInternals;
 using dbus::client::DBusClient;
 using dbus::client::DBusClientAsync;
 using detail::ClientLease;
+using CommandEnd = DBusClientAsync::CommandEnd;
+using OutcomeCallback = std::function<void(const CommandOutcome&)>;
+
+namespace {
 
 constexpr char kLogTag[] = "zorvel.zorvel";
+constexpr char kNotInitedMessage[] = "Launcher is not inited. Please check your call sequence";
 
 // Guards the callback members of every Launcher. A handler copies the
 // pointer to a callback under it and calls the callback without it: the
@@ -49,11 +54,189 @@ void Replace(SharedCallback<Signature>& member, std::function<Signature> callbac
 
 }  // namespace
 
-Launcher::Launcher() noexcept = default;
+// The outcome callback of one Launcher, shared with the commands it issued
+// that are still in flight. The destructor detaches it, so that an outcome
+// reported late (by a client deleted on another thread) reaches nobody.
+struct detail::OutcomeRoute {
+  SharedCallback<void(const CommandOutcome&)> callback;  // guarded by callbackMutex
+
+  // Runs the callback under the lock that keeps callbacks from overlapping.
+  void Deliver(const CommandOutcome& outcome) {
+    std::lock_guard<std::recursive_mutex> exclusive(ClientInternals::CallbackMutex());
+    if (const auto current = Current(callback)) (*current)(outcome);
+  }
+  void Detach() {
+    std::lock_guard<std::recursive_mutex> exclusive(ClientInternals::CallbackMutex());
+    Replace(callback, OutcomeCallback());
+  }
+};
+
+namespace {
+
+std::atomic<CommandId> nextCommandId{1};
+
+// Fills the error fields of `outcome` from a failed call's error; none means
+// that the client was not ready and nothing was sent.
+void DescribeFailure(const GError* error, CommandOutcome& outcome) {
+  if (error == nullptr) {
+    outcome.status = CommandStatus::kNotStarted;
+    outcome.errorName = kErrorNotReady;
+    outcome.errorMessage = "the daemon is not ready";
+    return;
+  }
+  outcome.status = CommandStatus::kFailed;
+  outcome.errorMessage = error->message;
+  if (g_dbus_error_is_remote_error(error)) {
+    outcome.errorName = common::GCharPtr(g_dbus_error_get_remote_error(error)).get();
+    GError copy{error->domain, error->code, g_strdup(error->message)};
+    g_dbus_error_strip_remote_error(&copy);
+    outcome.errorMessage = common::GCharPtr(copy.message).get();
+  } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+    outcome.status = CommandStatus::kTimedOut;
+    outcome.errorName = "org.freedesktop.DBus.Error.NoReply";
+  } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+    outcome.errorName = kErrorCancelled;
+  } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED)) {
+    outcome.errorName = "org.freedesktop.DBus.Error.Disconnected";
+  } else {
+    outcome.errorName = common::GCharPtr(g_dbus_error_encode_gerror(error)).get();
+  }
+}
+
+// The daemon's integer answer of `reply`, or kFailed when it is no "(i)".
+void DescribeAnswer(GVariant* reply, CommandOutcome& outcome) {
+  if (!g_variant_is_of_type(reply, G_VARIANT_TYPE("(i)"))) {
+    outcome.status = CommandStatus::kFailed;
+    outcome.errorName = kErrorInvalidReply;
+    outcome.errorMessage = std::string("the daemon answered ") + g_variant_get_type_string(reply) + ", not (i)";
+    return;
+  }
+  outcome.status = CommandStatus::kAnswered;
+  outcome.answer = common::VariantToInteger(reply);
+}
+
+// One command of a Launcher, from the moment it is issued: it gets its id at
+// once and ends exactly once with an outcome, reported here or, once the
+// command layer took it, by that layer.
+class CommandRun {
+ public:
+  CommandRun(std::shared_ptr<detail::OutcomeRoute> route, const std::string& method, std::optional<int> argument,
+             CommandId* issued)
+      : route_(std::move(route)) {
+    outcome_.id = nextCommandId.fetch_add(1, std::memory_order_relaxed);
+    outcome_.method = method;
+    outcome_.argument = argument;
+    if (issued != nullptr) *issued = outcome_.id;
+  }
+  CommandRun(const CommandRun&) = delete;
+  CommandRun& operator=(const CommandRun&) = delete;
+  // A command left without an outcome (an exception got in the way) is
+  // reported as not started.
+  ~CommandRun() {
+    if (!ended_) NotStarted(kErrorInternal, "the command could not be issued");
+  }
+
+  // The shared client for this command, or none: then the operation (whose
+  // name its log line carries) reports it as not started. Stop, ReadProfiles
+  // and DeleteStoredProfile also need their own Launcher inited.
+  ClientLease Lease(const char* operation, bool needsInit, bool inited) {
+    ClientLease client = needsInit && !inited ? ClientLease() : detail::LeaseClient();
+    if (!client) {
+      ZV_LOG_AT_(operation, kSystem, kInfo, "%s", kNotInitedMessage);
+      if (needsInit && !inited) {
+        NotStarted(kErrorNotInited, "Init was not called on this Launcher");
+      } else {
+        NotStarted(kErrorNoClient, "no client: Init was not called, or a Launcher was destroyed");
+      }
+    }
+    return client;
+  }
+
+  void NotStarted(const char* name, const std::string& message) {
+    outcome_.status = CommandStatus::kNotStarted;
+    outcome_.errorName = name;
+    outcome_.errorMessage = message;
+    Report();
+  }
+
+  // Hands the command to the command layer, which reports its outcome; true
+  // when the layer took it. Takes over `params` (floating or owned).
+  bool Queue(DBusClientAsync& client, GVariant* params) {
+    auto observer = [route = route_, outcome = outcome_](const CommandEnd& end) {
+      CommandOutcome told = outcome;
+      Describe(end, told);
+      route->Deliver(told);
+    };
+    const bool taken = client.Submit(outcome_.method, params, -1, std::move(observer));
+    ended_ = taken;  // a refused method, or a throw, is reported by the destructor
+    return taken;
+  }
+
+  // The base class's own synchronous call, reported here; the reply, when
+  // one came, is the caller's.
+  bool CallDirect(DBusClient& client, int timeout, common::GVariantPtr& reply) {
+    common::GErrorPtr error;
+    GVariant* raw = nullptr;
+    const bool called = ClientInternals::Call(client, outcome_.method, nullptr, &raw, timeout, error);
+    reply.reset(raw);
+    if (called && reply) {
+      DescribeAnswer(reply.get(), outcome_);
+    } else {
+      DescribeFailure(error.get(), outcome_);
+    }
+    Report();
+    return called;
+  }
+
+ private:
+  static void Describe(const CommandEnd& end, CommandOutcome& outcome) {
+    outcome.wasHeld = end.wasHeld;
+    switch (end.kind) {
+      case CommandEnd::Kind::kHeld:
+        outcome.status = CommandStatus::kHeld;
+        outcome.final = false;
+        return;
+      case CommandEnd::Kind::kDroppedAsRepeat: outcome.status = CommandStatus::kDroppedAsRepeat; return;
+      case CommandEnd::Kind::kDiscarded: outcome.status = CommandStatus::kDiscarded; return;
+      case CommandEnd::Kind::kFailedToRun:
+        outcome.status = CommandStatus::kNotStarted;
+        outcome.errorName = kErrorInternal;
+        outcome.errorMessage = end.failure;
+        return;
+      case CommandEnd::Kind::kRan: break;
+    }
+    if (!end.failure.empty()) {  // the reply did not decode
+      outcome.status = CommandStatus::kFailed;
+      outcome.errorName = kErrorInvalidReply;
+      outcome.errorMessage = end.failure;
+    } else if (!end.reply) {
+      DescribeFailure(end.error.get(), outcome);
+    } else if (outcome.method == dbus::client::kMethodReadProfiles) {
+      outcome.status = CommandStatus::kAnswered;
+      outcome.profiles = end.profiles;
+    } else {
+      DescribeAnswer(end.reply.get(), outcome);
+    }
+  }
+
+  void Report() {
+    ended_ = true;
+    route_->Deliver(outcome_);
+  }
+
+  std::shared_ptr<detail::OutcomeRoute> route_;
+  CommandOutcome outcome_;
+  bool ended_ = false;
+};
+
+}  // namespace
+
+Launcher::Launcher() noexcept : outcomes_(std::make_shared<detail::OutcomeRoute>()) {}
 
 Launcher::~Launcher() noexcept {
   ZV_LOGI("~Launcher");
   detail::InstallClient(nullptr);
+  outcomes_->Detach();
 }
 
 int Launcher::Init() noexcept {
@@ -80,80 +263,70 @@ int Launcher::Init() noexcept {
 
 void Launcher::Deinit() noexcept { ZV_LOGI("Deinit. we're lazy here, so we do nothing"); }
 
-int Launcher::Connect(int id) noexcept {
+// The four commands that go through the command layer return before the
+// daemon has seen them, so their return value never carries its answer:
+// that comes with the command's outcome.
+
+int Launcher::Connect(int id) noexcept { return Connect(id, nullptr); }
+
+int Launcher::Connect(int id, CommandId* issued) noexcept {
   ZV_LOGI("Connect STARTED");
-  if (instanceConnected_) return -1;
-  const ClientLease client = detail::LeaseClient();
-  if (!client) {
-    ZV_LOGI("Launcher is not inited. Please check your call sequence");
+  CommandRun run(outcomes_, dbus::client::kMethodConnect, id, issued);
+  if (instanceConnected_) {
+    run.NotStarted(kErrorConnectPending, "a connection was requested already");
     return -1;
   }
+  const ClientLease client = run.Lease(__func__, false, inited_);
+  if (!client) return -1;
   try {
-    GVariant* reply = nullptr;
-    if (!client->Call(dbus::client::kMethodConnect, common::IntegerToVariant(id), &reply, -1)) {
+    if (!run.Queue(*client.get(), common::IntegerToVariant(id))) {
       ZV_LOGI("Connect failed with code [%d]", 0);
       return -1;
     }
-    if (reply == nullptr) {
-      instanceConnected_ = true;
-      ZV_LOGI("Connect FINISHED");
-      return 0;
-    }
-    common::GVariantPtr owned(reply);
-    const int result = common::VariantToInteger(reply);
-    ZV_LOGI("##### Extracted int: [%d] #########", result);
-    instanceConnected_ = result != -1;
+    instanceConnected_ = true;
     ZV_LOGI("Connect FINISHED");
-    return result;
+    return 0;
   } catch (const std::exception& exception) {
     ZV_LOGI("Exception is caught: %s", exception.what());
     return -1;
   }
 }
 
-int Launcher::StartBroadcast(bool isOnlineCheck) noexcept {
+int Launcher::StartBroadcast(bool isOnlineCheck) noexcept { return StartBroadcast(isOnlineCheck, nullptr); }
+
+int Launcher::StartBroadcast(bool isOnlineCheck, CommandId* issued) noexcept {
   ZV_LOGI("StartBroadcast STARTED isOnlineCheck[%d]", isOnlineCheck ? 1 : 0);
   instanceConnected_ = false;
-  const ClientLease client = detail::LeaseClient();
-  if (!client) {
-    ZV_LOGI("Launcher is not inited. Please check your call sequence");
-    return -1;
-  }
-  int result = 0;
+  CommandRun run(outcomes_, dbus::client::kMethodStartBroadcast, isOnlineCheck ? 1 : 0, issued);
+  const ClientLease client = run.Lease(__func__, false, inited_);
+  if (!client) return -1;
   try {
-    GVariant* reply = nullptr;
-    if (!client->Call(dbus::client::kMethodStartBroadcast, common::IntegerToVariant(isOnlineCheck ? 1 : 0), &reply,
-                      -1)) {
+    if (!run.Queue(*client.get(), common::IntegerToVariant(isOnlineCheck ? 1 : 0))) {
       ZV_LOGI("StartBroadcast failed with code [%d]", 0);
-    } else if (reply != nullptr) {
-      common::GVariantPtr owned(reply);
-      result = common::VariantToInteger(reply);
-      ZV_LOGI("##### Extracted int: [%d] #########", result);
     }
   } catch (const std::exception&) {
     ZV_LOGI("Exception was raised from connectionManager. Please check sequence");
   }
   ZV_LOGI("StartBroadcast FINISHED");
-  return result;
+  return 0;
 }
 
-int Launcher::StopBroadcast() noexcept {
+int Launcher::StopBroadcast() noexcept { return StopBroadcast(nullptr); }
+
+int Launcher::StopBroadcast(CommandId* issued) noexcept {
   ZV_LOGI("StopBroadcast STARTED");
   instanceConnected_ = false;
-  const ClientLease client = detail::LeaseClient();
-  if (!client) {
-    ZV_LOGI("Launcher is not inited. Please check your call sequence");
-    return -1;
-  }
+  CommandRun run(outcomes_, dbus::client::kMethodStopBroadcast, std::nullopt, issued);
+  const ClientLease client = run.Lease(__func__, false, inited_);
+  if (!client) return -1;
   int result = -1;
   try {
-    GVariant* reply = nullptr;
     // The base class's own call: not queued, waits up to 500 ms.
-    if (!client->DBusClient::Call(dbus::client::kMethodStopBroadcast, nullptr, &reply, 500)) {
+    common::GVariantPtr reply;
+    if (!run.CallDirect(*client.get(), 500, reply)) {
       ZV_LOGI("StopBroadcast failed with code [%d]", -1);
-    } else if (reply != nullptr) {
-      common::GVariantPtr owned(reply);
-      result = common::VariantToInteger(reply);
+    } else if (reply) {
+      result = common::VariantToInteger(reply.get());
       ZV_LOGI("##### Extracted int: [%d] #########", result);
     }
   } catch (const std::exception&) {
@@ -168,23 +341,20 @@ int Launcher::StopBroadcast() noexcept {
   return result;
 }
 
-int Launcher::Stop() noexcept {
+int Launcher::Stop() noexcept { return Stop(nullptr); }
+
+int Launcher::Stop(CommandId* issued) noexcept {
   ZV_LOGI("Stop STARTED");
-  const ClientLease client = inited_ ? detail::LeaseClient() : ClientLease();
-  if (!client) {
-    ZV_LOGI("Launcher is not inited. Please check your call sequence");
-    return -1;
-  }
+  CommandRun run(outcomes_, dbus::client::kMethodDeinit, std::nullopt, issued);
+  const ClientLease client = run.Lease(__func__, true, inited_);
+  if (!client) return -1;
   try {
-    GVariant* reply = nullptr;
-    if (!client->DBusClient::Call(dbus::client::kMethodDeinit, nullptr, &reply, -1)) {
+    common::GVariantPtr reply;
+    if (!run.CallDirect(*client.get(), -1, reply)) {
       ZV_LOGI("Deinit failed with code [%d]", 0);
       return -1;
     }
-    if (reply != nullptr) {
-      common::GVariantPtr owned(reply);
-      ZV_LOGI("##### Extracted int: [%d] #########", common::VariantToInteger(reply));
-    }
+    if (reply) ZV_LOGI("##### Extracted int: [%d] #########", common::VariantToInteger(reply.get()));
     ZV_LOGI("Stop FINISHED");
     return 0;
   } catch (const std::exception& exception) {
@@ -193,48 +363,34 @@ int Launcher::Stop() noexcept {
   }
 }
 
-std::vector<common::SessionProfile> Launcher::ReadProfiles() noexcept {
+std::vector<common::SessionProfile> Launcher::ReadProfiles() noexcept { return ReadProfiles(nullptr); }
+
+std::vector<common::SessionProfile> Launcher::ReadProfiles(CommandId* issued) noexcept {
   ZV_LOGI("ReadProfiles STARTED");
-  const ClientLease client = inited_ ? detail::LeaseClient() : ClientLease();
-  if (!client) {
-    ZV_LOGI("Launcher is not inited. Please check your call sequence");
-    return {};
-  }
+  CommandRun run(outcomes_, dbus::client::kMethodReadProfiles, std::nullopt, issued);
+  const ClientLease client = run.Lease(__func__, true, inited_);
+  if (!client) return {};
   try {
-    GVariant* reply = nullptr;
-    if (!client->Call(dbus::client::kMethodReadProfiles, nullptr, &reply, -1)) {
+    if (!run.Queue(*client.get(), nullptr)) {
       ZV_LOGI("Read profiles failed");
       return {};
     }
-    if (reply == nullptr) {
-      ZV_LOGI("ReadProfiles FINISHED");
-      return {};
-    }
-    common::GVariantPtr owned(reply);
-    std::vector<common::SessionProfile> profiles = common::VariantToProfiles(reply);
-    ZV_LOGI("Read profiles size[%zu]", profiles.size());
     ZV_LOGI("ReadProfiles FINISHED");
-    return profiles;
   } catch (const std::exception& exception) {
     ZV_LOGI("Exception is caught: %s", exception.what());
-    return {};
   }
+  return {};
 }
 
-int Launcher::DeleteStoredProfile(int id) noexcept {
-  const ClientLease client = inited_ ? detail::LeaseClient() : ClientLease();
-  if (!client) {
-    ZV_LOGI("Launcher is not inited. Please check your call sequence");
-    return -1;
-  }
+int Launcher::DeleteStoredProfile(int id) noexcept { return DeleteStoredProfile(id, nullptr); }
+
+int Launcher::DeleteStoredProfile(int id, CommandId* issued) noexcept {
+  CommandRun run(outcomes_, dbus::client::kMethodDeleteStoredProfile, id, issued);
+  const ClientLease client = run.Lease(__func__, true, inited_);
+  if (!client) return -1;
   try {
-    GVariant* reply = nullptr;
-    if (!client->Call(dbus::client::kMethodDeleteStoredProfile, common::IntegerToVariant(id), &reply, -1)) {
-      return 0;
-    }
-    if (reply == nullptr) return 0;
-    common::GVariantPtr owned(reply);
-    return common::VariantToInteger(reply);
+    run.Queue(*client.get(), common::IntegerToVariant(id));
+    return 0;
   } catch (const std::exception& exception) {
     ZV_LOGI("Exception is caught: %s", exception.what());
     return -1;
@@ -251,6 +407,10 @@ void Launcher::SetOnCancelConnectionCallback(std::function<void(int)> callback) 
 
 void Launcher::SetOnConnectionAvailable(std::function<void(int, bool)> callback) noexcept {
   Replace(onConnectionAvailableCallback_, std::move(callback));
+}
+
+void Launcher::SetOnCommandOutcome(std::function<void(const CommandOutcome&)> callback) noexcept {
+  Replace(outcomes_->callback, std::move(callback));
 }
 
 void Launcher::SetSignalCallbacks() {
@@ -315,18 +475,13 @@ void Launcher::SetSignalCallbacks() {
   });
 }
 
-}  // namespace zorvel
-}  // namespace zv_client
-
-namespace zv_client {
-namespace zorvel {
 namespace testing {
 
 dbus::client::DBusClient* CurrentClient() { return detail::LeaseClient().get(); }
 
 std::string CurrentClientBusName() {
   const detail::ClientLease client = detail::LeaseClient();
-  return client ? dbus::client::detail::ClientInternals::UniqueName(*client.get()) : std::string();
+  return client ? ClientInternals::UniqueName(*client.get()) : std::string();
 }
 
 }  // namespace testing

@@ -19,14 +19,44 @@
 // Commands never block the caller
 //   Connect, StartBroadcast, ReadProfiles and DeleteStoredProfile hand their
 //   command to a thread of its own and return at once (0, or an empty list);
-//   the daemon's answer is not seen. While the daemon is not reachable the
-//   command is held and sent when it comes back. Stop and StopBroadcast call
-//   the daemon directly, wait for its answer (StopBroadcast up to 500 ms) and
-//   fail at once when the daemon is not ready.
+//   their return value does not carry the daemon's answer, their outcome does
+//   (below). While the daemon is not reachable the command is held and sent
+//   when it comes back. Stop and StopBroadcast call the daemon directly, wait
+//   for its answer (StopBroadcast up to 500 ms) and fail at once when the
+//   daemon is not ready.
 //   Commands are sent in the order they were issued (from several threads:
-//   in the order the calls returned). The same command twice in a row is
-//   sent once: a repeat of the command sent just before, or of a command
-//   already held, is dropped.
+//   in the order the calls returned). A repeat is recognised by its method
+//   alone, whatever its argument: a command whose method is that of the
+//   command sent just before, or of a command already held, is dropped (so
+//   DeleteStoredProfile(2) right after DeleteStoredProfile(1) is not sent,
+//   even seconds later; any other command in between lets it through).
+//
+// How each command ended
+//   Every command you issue ends exactly once with a CommandOutcome, given
+//   to the callback set with SetOnCommandOutcome: answered (with the
+//   daemon's integer answer, or for ReadProfiles the whole list of stored
+//   profiles), failed (the D-Bus error), timed out, dropped as a repeat,
+//   discarded, or not started. A held command is reported when it is held
+//   (final == false) and again when it ends. Each command overload with a
+//   `CommandId* issued` stores the command's id there before the command is
+//   handed over, so the outcome, which may arrive on another thread before
+//   the call returns, can be matched with it.
+//   Outcomes of Stop, StopBroadcast and of commands not started run on the
+//   calling thread before the call returns; the others on a command thread
+//   of the library, on the main-loop thread (a held command replayed, or
+//   discarded by the daemon's closing event), on the thread calling
+//   StopBroadcast (held commands it discards) or on the thread destroying
+//   the Launcher (held commands discarded at teardown). They follow the
+//   rules of the other callbacks below, run after the instance-found calls
+//   of the same ReadProfiles, and never after the Launcher's destructor
+//   returned.
+//
+// Ids in events
+//   Instance ids (instance found, connection available) and cancellation
+//   statuses travel as unsigned 16-bit numbers: 0 to 65535, and a stored
+//   profile with id -5 arrives through the instance-found callback as 65531.
+//   The list in a ReadProfiles outcome carries every id in full (int).
+//   A reply holds at most 41 stored profiles (D-Bus limits its signature).
 //
 // Across a daemon restart
 //   When the daemon's name vanishes the library looks for the daemon again at
@@ -36,9 +66,14 @@
 //   back within milliseconds of the new instance owning the name (a retry
 //   every 500 ms is the fallback). Commands held while the daemon is away are
 //   sent at most once, oldest first, to the new instance. A command already
-//   sent when the daemon vanished is not sent again. StopBroadcast and the
-//   daemon's "closing" event discard the commands held at that moment, and
-//   until the daemon's name passes to a new owner new commands are held.
+//   sent when the daemon vanished is not sent again.
+//   After StopBroadcast or the daemon's "closing" event, every Connect,
+//   StartBroadcast, ReadProfiles and DeleteStoredProfile is held (not sent)
+//   until the daemon's name passes to a new owner, as when the daemon
+//   restarts; Stop and StopBroadcast, which call the daemon directly, still
+//   reach it. Both discard the commands held at that moment: while the
+//   daemon is ready nothing is held, so these can only be commands that the
+//   daemon's vanishing at that very moment put on hold.
 //
 // Across a restart of the system bus
 //   The library talks over a D-Bus connection of its own, never over GLib's
@@ -54,20 +89,22 @@
 //     command thread of the library or on the main-loop thread.
 //   - Connection cancelled (status) and connection available (id, available):
 //     on the main-loop thread.
-//   No two callbacks run at the same time. The callable you set is the one
-//   that runs (a functor or mutable lambda keeps its state between events).
-//   A callback may call the Launcher's commands and setters (also replacing
-//   itself: the replaced callable is destroyed once it has returned), but
-//   must return normally (no exception), must not block for long (it holds
-//   up the daemon's other events) and must not call Init or destroy the
-//   Launcher.
+//   No two callbacks (outcomes included) run at the same time. The callable
+//   you set is the one that runs (a functor or mutable lambda keeps its state
+//   between events). A callback may call the Launcher's commands and setters
+//   (also replacing itself: the replaced callable is destroyed once it has
+//   returned), but must return normally (no exception), must not block for
+//   long (it holds up the daemon's other events) and must not call Init or
+//   destroy the Launcher.
 //
 // Errors are reported by results and in the system log, never by exceptions:
 // every operation except SetSignalCallbacks is noexcept.
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -77,13 +114,57 @@
 namespace zv_client {
 namespace zorvel {
 
+// Names one command issued through a Launcher: unique in the process, never 0.
+using CommandId = std::uint64_t;
+
+enum class CommandStatus {
+  kAnswered,         // the daemon answered: `answer`, or `profiles` for ReadProfiles
+  kFailed,           // the call failed: `errorName` and `errorMessage`
+  kTimedOut,         // the daemon did not answer within the call's timeout
+  kDroppedAsRepeat,  // not sent: a repeat (see above)
+  kHeld,             // not final: held until the daemon is ready
+  kDiscarded,        // not sent: held, then discarded (StopBroadcast, closing event, teardown)
+  kNotStarted,       // not sent at all: `errorName` says why
+};
+
+// Error names of the library's own, for what no D-Bus error describes.
+// kNotStarted:
+inline constexpr char kErrorNoClient[] = "zorvel.client.Error.NoClient";  // no Init, or a Launcher was destroyed
+inline constexpr char kErrorNotInited[] = "zorvel.client.Error.NotInited";  // Stop, ReadProfiles, DeleteStoredProfile
+inline constexpr char kErrorConnectPending[] = "zorvel.client.Error.ConnectPending";  // Connect before Start/StopBroadcast
+inline constexpr char kErrorNotReady[] = "zorvel.client.Error.NotReady";  // the daemon not ready (Stop, StopBroadcast)
+inline constexpr char kErrorInternal[] = "zorvel.client.Error.Internal";  // e.g. no thread could be started
+// kFailed (besides the daemon's or the bus's own D-Bus errors):
+inline constexpr char kErrorInvalidReply[] = "zorvel.client.Error.InvalidReply";  // a reply that does not decode
+inline constexpr char kErrorCancelled[] = "zorvel.client.Error.Cancelled";  // a call in flight at teardown
+// kTimedOut: "org.freedesktop.DBus.Error.NoReply".
+
+struct CommandOutcome {
+  CommandId id = 0;
+  std::string method;           // the D-Bus method: "connect", "startBroadcast", "stopBroadcast",
+                                // "deinit" (Stop), "readProfiles", "deleteStoredProfile"
+  std::optional<int> argument;  // Connect, DeleteStoredProfile: the id; StartBroadcast: 1 or 0
+  CommandStatus status = CommandStatus::kAnswered;
+  bool final = true;     // false only for kHeld: another outcome of this command follows
+  bool wasHeld = false;  // the command was held before it ended
+  int answer = 0;        // kAnswered, except ReadProfiles: the daemon's answer (0: done)
+  std::vector<common::SessionProfile> profiles;  // kAnswered, ReadProfiles: all of them, in order
+  std::string errorName;     // kFailed, kTimedOut, kNotStarted
+  std::string errorMessage;  // the same, for people
+};
+
+namespace detail {
+struct OutcomeRoute;
+}
+
 class ZORVEL_API Launcher {
  public:
   Launcher() noexcept;
-  // Deletes the shared client: held commands are discarded, no callback runs
-  // afterwards. It first waits for the Launcher operations running on other
-  // threads and for the commands in flight, up to a grace period of 1 s,
-  // then cancels what is still waiting for the daemon and waits for that.
+  // Deletes the shared client: held commands are discarded (their outcomes
+  // delivered), no callback runs afterwards. It first waits for the Launcher
+  // operations running on other threads and for the commands in flight, up
+  // to a grace period of 1 s, then cancels what is still waiting for the
+  // daemon and waits for that.
   ~Launcher() noexcept;
 
   Launcher(const Launcher&) = delete;
@@ -100,22 +181,31 @@ class ZORVEL_API Launcher {
   // connection was already requested since the last Start/StopBroadcast or no
   // client is installed. The result arrives as a connection-available event.
   int Connect(int id) noexcept;
+  int Connect(int id, CommandId* issued) noexcept;
   // Starts announcing instances; 0 when accepted (-1 without a client).
   int StartBroadcast(bool isOnlineCheck) noexcept;
+  int StartBroadcast(bool isOnlineCheck, CommandId* issued) noexcept;
   // Stops the broadcast and waits up to 500 ms for the daemon's answer, which
   // it returns (-1 when the call failed). Then discards the held commands.
   int StopBroadcast() noexcept;
+  int StopBroadcast(CommandId* issued) noexcept;
   // Tells the daemon to deinitialise; waits for it. 0, or -1 on failure.
   int Stop() noexcept;
+  int Stop(CommandId* issued) noexcept;
   // Returns an empty list at once; the stored profiles arrive afterwards
-  // through the instance-found callback, one call per profile.
+  // through the instance-found callback, one call per profile, and as one
+  // list in the command's outcome.
   std::vector<common::SessionProfile> ReadProfiles() noexcept;
+  std::vector<common::SessionProfile> ReadProfiles(CommandId* issued) noexcept;
   // Asks the daemon to delete the stored profile `id`; 0 when accepted.
   int DeleteStoredProfile(int id) noexcept;
+  int DeleteStoredProfile(int id, CommandId* issued) noexcept;
 
   void SetOnInstanceFoundCallback(std::function<void(int, const std::string&)> callback) noexcept;
   void SetOnCancelConnectionCallback(std::function<void(int)> callback) noexcept;
   void SetOnConnectionAvailable(std::function<void(int, bool)> callback) noexcept;
+  // Receives how each command issued through this Launcher ended (see above).
+  void SetOnCommandOutcome(std::function<void(const CommandOutcome&)> callback) noexcept;
   // Registers the Launcher's signal handlers with the client; Init calls it.
   void SetSignalCallbacks();
 
@@ -129,6 +219,8 @@ class ZORVEL_API Launcher {
   std::shared_ptr<const std::function<void(int, const std::string&)>> onInstanceFoundCallback_;
   std::shared_ptr<const std::function<void(int)>> onCancelConnectionCallback_;
   std::shared_ptr<const std::function<void(int, bool)>> onConnectionAvailableCallback_;
+  // Where this Launcher's outcomes go; shared with its commands in flight.
+  std::shared_ptr<detail::OutcomeRoute> outcomes_;
 };
 
 }  // namespace zorvel

@@ -13,7 +13,7 @@ namespace zorvel {
 namespace detail {
 namespace {
 
-using dbus::client::DBusClient;
+using dbus::client::DBusClientAsync;
 
 // Matches the command layer's grace for the commands it accepted.
 constexpr std::chrono::milliseconds kLeaseGrace{1000};
@@ -23,7 +23,7 @@ constexpr std::chrono::milliseconds kLeaseGrace{1000};
 struct Slot {
   std::mutex mutex;
   std::condition_variable released;
-  std::shared_ptr<DBusClient> client;  // guarded by mutex
+  std::shared_ptr<DBusClientAsync> client;  // guarded by mutex
 
   // At exit (the library unloaded, or the process ending without the
   // application having destroyed its Launcher) the client left over goes
@@ -56,9 +56,9 @@ ClientLease LeaseClient() {
   return ClientLease(slot.client);
 }
 
-void InstallClient(std::unique_ptr<DBusClient> client) {
+void InstallClient(std::unique_ptr<DBusClientAsync> client) {
   Slot& slot = TheSlot();
-  std::shared_ptr<DBusClient> retired(std::move(client));
+  std::shared_ptr<DBusClientAsync> retired(std::move(client));
   std::unique_lock<std::mutex> lock(slot.mutex);
   slot.client.swap(retired);
   if (!retired) return;

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include <dbus/client/DBusClient.h>
+#include <dbus/client/DBusClientAsync.h>
 
 namespace zv_client {
 namespace zorvel {
@@ -17,17 +17,17 @@ namespace detail {
 class ClientLease {
  public:
   ClientLease() = default;
-  explicit ClientLease(std::shared_ptr<dbus::client::DBusClient> client) : client_(std::move(client)) {}
+  explicit ClientLease(std::shared_ptr<dbus::client::DBusClientAsync> client) : client_(std::move(client)) {}
   ClientLease(ClientLease&&) = default;
   ClientLease& operator=(ClientLease&&) = delete;
   ~ClientLease();
 
-  dbus::client::DBusClient* get() const { return client_.get(); }
-  dbus::client::DBusClient* operator->() const { return client_.get(); }
+  dbus::client::DBusClientAsync* get() const { return client_.get(); }
+  dbus::client::DBusClientAsync* operator->() const { return client_.get(); }
   explicit operator bool() const { return client_ != nullptr; }
 
  private:
-  std::shared_ptr<dbus::client::DBusClient> client_;
+  std::shared_ptr<dbus::client::DBusClientAsync> client_;
 };
 
 // The installed client, or an empty lease when there is none.
@@ -38,7 +38,7 @@ ClientLease LeaseClient();
 // that takes longer than the teardown grace period, and deletes it, which
 // waits for the commands it accepted. Must not be called while the calling
 // thread holds a lease or runs inside one of the client's callbacks.
-void InstallClient(std::unique_ptr<dbus::client::DBusClient> client);
+void InstallClient(std::unique_ptr<dbus::client::DBusClientAsync> client);
 
 }  // namespace detail
 }  // namespace zorvel

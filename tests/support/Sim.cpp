@@ -106,6 +106,10 @@ void SimControl::SetReply(const std::string& method, GVariant* body) {
   Invoke("SetReply", g_variant_new("(sv)", method.c_str(), BodyOrEmpty(body)));
 }
 
+void SimControl::SetError(const std::string& method, const std::string& name, const std::string& message) {
+  Invoke("SetError", g_variant_new("(s(ss))", method.c_str(), name.c_str(), message.c_str()));
+}
+
 void SimControl::ClearReply(const std::string& method) { Invoke("ClearReply", g_variant_new("(s)", method.c_str())); }
 
 void SimControl::SetDelay(const std::string& method, unsigned ms) {

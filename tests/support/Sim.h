@@ -70,7 +70,8 @@ class SimControl {
   void EmitAs(const std::string& member, GVariant* body, const std::string& destination = "");
   void SetAnswer(const std::string& method, int value);
   void SetReply(const std::string& method, GVariant* body);
-  void ClearReply(const std::string& method);
+  void SetError(const std::string& method, const std::string& name, const std::string& message);
+  void ClearReply(const std::string& method);  // and SetError
   void SetDelay(const std::string& method, unsigned ms);
   void SetNoReply(const std::string& method, bool never = true);
   std::vector<SimCall> GetCalls();

@@ -44,6 +44,10 @@ constexpr char kControlXml[] = R"xml(
     <method name="ClearReply">
       <arg name="method" type="s" direction="in"/>
     </method>
+    <method name="SetError">
+      <arg name="method" type="s" direction="in"/>
+      <arg name="error" type="(ss)" direction="in"/>
+    </method>
     <method name="SetDelay">
       <arg name="method" type="s" direction="in"/>
       <arg name="ms" type="u" direction="in"/>
@@ -429,9 +433,14 @@ gboolean Simulator::OnDelayedReply(gpointer data) {
 void Simulator::SendReply(GDBusMethodInvocation* invocation, GVariant* body, GVariant* followUp) {
   GDBusMessage* request = g_dbus_method_invocation_get_message(invocation);
   GDBusConnection* connection = g_dbus_method_invocation_get_connection(invocation);
+  const auto failing = errors_.find(g_dbus_method_invocation_get_method_name(invocation));
+  if (failing != errors_.end()) followUp = nullptr;
   if ((g_dbus_message_get_flags(request) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {
     GObjectPtr<GDBusMessage> reply;
-    if (FitsInMessage(body)) {
+    if (failing != errors_.end()) {
+      reply.reset(g_dbus_message_new_method_error_literal(request, failing->second.first.c_str(),
+                                                          failing->second.second.c_str()));
+    } else if (FitsInMessage(body)) {
       reply.reset(g_dbus_message_new_method_reply(request));
       g_dbus_message_set_body(reply.get(), body);
     } else {
@@ -555,8 +564,19 @@ bool Simulator::HandleOverride(const std::string& control, GVariant* parameters,
   } else if (control == "SetReply") {
     replies_[name] = AsTuple(g_variant_get_variant(value.get()));
     Log("%s replies %s from now on", name.c_str(), Printed(replies_[name].get()).c_str());
+  } else if (control == "SetError") {
+    const gchar* error = nullptr;
+    const gchar* message = nullptr;
+    g_variant_get(value.get(), "(&s&s)", &error, &message);
+    if (!g_dbus_is_interface_name(error)) {  // an error name has the form of an interface name
+      ReturnError(invocation, "InvalidArgs", "'%s' is not a valid D-Bus error name", error);
+      return false;
+    }
+    errors_[name] = {error, message};
+    Log("%s fails with %s from now on", name.c_str(), error);
   } else if (control == "ClearReply") {
     replies_.erase(name);
+    errors_.erase(name);
     Log("%s replies as usual again", name.c_str());
   } else if (control == "SetDelay") {
     const guint32 ms = g_variant_get_uint32(value.get());
@@ -585,8 +605,8 @@ void Simulator::HandleControlCall(const std::string& method, GVariant* parameter
   GError* raw = nullptr;
   if (method == "Emit" || method == "EmitAs") {
     if (!HandleEmit(method, parameters, invocation)) return;
-  } else if (method == "SetAnswer" || method == "SetReply" || method == "ClearReply" || method == "SetDelay" ||
-             method == "SetNoReply") {
+  } else if (method == "SetAnswer" || method == "SetReply" || method == "SetError" || method == "ClearReply" ||
+             method == "SetDelay" || method == "SetNoReply") {
     if (!HandleOverride(method, parameters, invocation)) return;
   } else if (method == "GetCalls") {
     GVariantBuilder builder;

@@ -116,6 +116,7 @@ class Simulator {
 
   std::map<std::string, int> answers_;          // SetAnswer
   std::map<std::string, GVariantPtr> replies_;  // SetReply; always tuples
+  std::map<std::string, std::pair<std::string, std::string>> errors_;  // SetError: error name, message
   std::map<std::string, guint> delays_;         // SetDelay, non-zero only
   std::set<std::string> neverAnswered_;         // SetNoReply
   std::list<DelayedReply> delayed_;             // list: addresses stay valid for the timers

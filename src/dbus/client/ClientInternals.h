@@ -3,6 +3,7 @@
 // Internal: what the library's own code (the owner of the shared client, the
 // tests) may do to a client beyond its public interface. Not installed.
 
+#include <mutex>
 #include <string>
 
 #include <dbus/client/DBusClient.h>
@@ -13,6 +14,13 @@ namespace client {
 namespace detail {
 
 struct ClientInternals {
+  // The process-wide lock held while a signal handler runs: whoever calls the
+  // application from elsewhere takes it too, so no two callbacks overlap.
+  // Recursive: a callback may cause another on its own thread.
+  static std::recursive_mutex& CallbackMutex();
+  // The base class's own synchronous call, with why it failed (see there).
+  static bool Call(DBusClient& client, const std::string& method, GVariant* params, GVariant** result, int timeout,
+                   common::GErrorPtr& error);
   // Fails every call of `client` in flight, and every later one, at once.
   static void CancelCalls(DBusClient& client);
   // The unique bus name of the client's own connection, "" when none is open.

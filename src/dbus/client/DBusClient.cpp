@@ -181,6 +181,13 @@ void DBusClient::Reconnect() {
 }
 
 bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** result, int timeout) {
+  common::GErrorPtr error;
+  return DBusClient::Call(method, params, result, timeout, error);
+}
+
+bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** result, int timeout,
+                      common::GErrorPtr& error) {
+  error.reset();
   ZV_LOGI("Method [%s] called", method.c_str());
 
   common::GObjectPtr<GDBusProxy> proxy;
@@ -198,7 +205,7 @@ bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** re
   GError* rawError = nullptr;
   GVariant* reply = g_dbus_proxy_call_sync(proxy.get(), method.c_str(), params, G_DBUS_CALL_FLAGS_NONE, timeout,
                                            cancellable_.get(), &rawError);
-  common::GErrorPtr error(rawError);
+  error.reset(rawError);
   if (result != nullptr) {
     *result = reply;
   } else if (reply != nullptr) {
@@ -359,6 +366,13 @@ void DBusClient::DetachCallbacks() {
 void DBusClient::CancelCalls() { g_cancellable_cancel(cancellable_.get()); }
 
 void detail::ClientInternals::CancelCalls(DBusClient& client) { client.CancelCalls(); }
+
+std::recursive_mutex& detail::ClientInternals::CallbackMutex() { return SignalMutex(); }
+
+bool detail::ClientInternals::Call(DBusClient& client, const std::string& method, GVariant* params,
+                                   GVariant** result, int timeout, common::GErrorPtr& error) {
+  return client.DBusClient::Call(method, params, result, timeout, error);
+}
 
 std::string detail::ClientInternals::UniqueName(const DBusClient& client) {
   const common::GObjectPtr<GDBusConnection> bus = client.BusConnection();

@@ -114,6 +114,11 @@ class ZORVEL_API DBusClient {
   // The connection as it is, without opening one; null when none is open.
   common::GObjectPtr<GDBusConnection> BusConnection() const;
 
+  // The synchronous Call of this class, also handing back why it failed:
+  // the GDBus error of the call, or none when the client was not ready and
+  // nothing was sent.
+  bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout, common::GErrorPtr& error);
+
  private:
   friend struct detail::ClientInternals;
 

@@ -86,14 +86,14 @@ DBusClientAsync::~DBusClientAsync() {
   ResetTimer(true);  // one the task may have armed before it saw closing_
 
   gate_->WaitIdle();
-  std::lock_guard<std::mutex> lock(poolMutex_);
+  std::unique_lock<std::mutex> lock(poolMutex_);
   DiscardPool();
   for (CommandData& command : intake_->TakeAll()) {  // only if a command thread died before taking its command
     if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
-    tally_->Add(&Counts::discarded);
+    Finish(command, CommandEnd{CommandEnd::Kind::kDiscarded});
   }
-  deliveries_->Discard();
   if (lastReply_ != nullptr) g_variant_unref(std::exchange(lastReply_, nullptr));
+  DeliverQueued(lock);  // the discarded commands' ends
 }
 
 void DBusClientAsync::SetFunctions() {
@@ -114,7 +114,8 @@ bool DBusClientAsync::ForwardingCommand::operator()(const CommandData::Parameter
     destination = &client->lastReply_;
   }
   // The base class's synchronous call: the virtual slot would lead back here.
-  return client->DBusClient::Call(parameters.method, parameters.params, destination, parameters.timeout);
+  return client->DBusClient::Call(parameters.method, parameters.params, destination, parameters.timeout,
+                                  client->lastError_);
 }
 
 bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Parameters& parameters) const {
@@ -132,28 +133,33 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
       continue;
     }
     self.deliveries_->Add([&self, owned = std::shared_ptr<GVariant>(g_variant_ref_sink(payload), g_variant_unref)] {
-      self.HandleSignal(kSignalOnFound, owned.get());
+      if (!self.closing_) self.HandleSignal(kSignalOnFound, owned.get());
     });
   }
   return true;
 }
 
 bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant** result, int timeout) {
+  // The caller's `result` is never written: the command runs later, with the
+  // reply going to lastReply_.
+  (void)result;
+  return Submit(method, params, timeout, nullptr);
+}
+
+bool DBusClientAsync::Submit(const std::string& method, GVariant* params, int timeout, CommandObserver observer) {
+  // Logged as the Call it implements.
   const auto entry = functions_.find(method);
   if (entry == functions_.end()) {
-    ZV_LOGE("DBusClientAsync::Call cann't find method [%s]", method.c_str());
+    ZV_LOG_AT_("Call", kSystem, kError, "DBusClientAsync::Call cann't find method [%s]", method.c_str());
     if (params != nullptr) g_variant_unref(params);
     return false;
   }
 
-  // The caller's `result` is never written: the command runs later, with the
-  // reply going to lastReply_.
-  (void)result;
   std::shared_ptr<detail::CommandGate> gate = gate_;
   gate->Enter();
   tally_->Add(&Counts::accepted);
   try {
-    intake_->Put(CommandData{{method, params, nullptr, timeout}, entry->second}, [this, &gate] {
+    intake_->Put(CommandData{{method, params, nullptr, timeout}, entry->second, std::move(observer)}, [this, &gate] {
       std::thread([this, gate] {
         ExecuteCommand(nullptr);
         // The last touch of this object's memory is through `gate`, which the
@@ -177,9 +183,10 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
   CommandData next;
   const CommandData* command = given;
   ParamsRef params(nullptr);
-  bool accounted = false;  // whether the command already counts as ran, dropped, pooled or discarded
+  bool ended = false;  // Finish was called for the command (or its pooled copy took over)
+  std::unique_lock<std::mutex> lock(poolMutex_, std::defer_lock);
   try {
-    std::unique_lock<std::mutex> lock(poolMutex_);
+    lock.lock();
     if (command == nullptr) {  // taken under poolMutex_, so the intake order is the execution order
       next = intake_->Take();
       command = &next;
@@ -187,8 +194,9 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
     params.params = command->parameters.params;
     const std::string& method = command->parameters.method;
     if (closing_) {
-      tally_->Add(&Counts::discarded);
-      accounted = true;
+      ended = true;
+      Finish(*command, CommandEnd{CommandEnd::Kind::kDiscarded});
+      DeliverQueued(lock);
       return 0;
     }
     ZV_LOGI_THD("ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]", method.c_str(),
@@ -202,29 +210,25 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
     if (ready_ && commandPool_.empty()) {
       if (activeCommand_ == method) {
         ZV_LOGI_MAIN("Duplicate command in active %s", method.c_str());
-        tally_->Add(&Counts::droppedDuplicate);
-        accounted = true;
+        ended = true;
+        Finish(*command, CommandEnd{CommandEnd::Kind::kDroppedAsRepeat});
+        DeliverQueued(lock);
         return 0;
       }
       activeCommand_ = method;
       ZV_LOGI("Ipc is ready - make call");
-      tally_->Add(&Counts::ranAtOnce);
-      accounted = true;
-      if (!RunFunction(*command)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
+      ended = true;  // RunFunction ends it, also when the function throws
+      if (!RunFunction(*command, false)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
       params.reset();
     } else {
       activeCommand_.clear();
       const bool held = std::any_of(commandPool_.begin(), commandPool_.end(),
                                     [&](const CommandData& pooled) { return pooled.parameters.method == method; });
-      if (held) {
-        ZV_LOGI_MAIN("Duplicate command in pool %s", method.c_str());
-        tally_->Add(&Counts::droppedDuplicate);
-        accounted = true;
-        return 0;
-      }
-      if (draining_) {  // teardown would discard it anyway
-        tally_->Add(&Counts::discarded);
-        accounted = true;
+      if (held || draining_) {  // teardown would discard it anyway
+        if (held) ZV_LOGI_MAIN("Duplicate command in pool %s", method.c_str());
+        ended = true;
+        Finish(*command, CommandEnd{held ? CommandEnd::Kind::kDroppedAsRepeat : CommandEnd::Kind::kDiscarded});
+        DeliverQueued(lock);
         return 0;
       }
       if (!ready_ && !IsConnected()) {
@@ -238,35 +242,75 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
       }
       commandPool_.push_back(std::move(pooled));
       params.release();  // the pool holds the reference now
-      tally_->Add(&Counts::pooled, 1, commandPool_.size());
-      accounted = true;
+      ended = true;      // the pooled copy ends later
+      Finish(*command, CommandEnd{CommandEnd::Kind::kHeld});
       ZV_LOGI_THD("Ipc isn't ready, move command[%s] into pool[%zu], isConnectionLost[%d]", method.c_str(),
                   commandPool_.size(), ready_ ? 1 : 0);
     }
     DeliverQueued(lock);
-  } catch (const std::exception&) {
-    if (!accounted) tally_->Add(&Counts::failed);
-    ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
+  } catch (const std::exception& exception) {
+    if (lock.owns_lock()) {
+      if (!ended && command != nullptr) {
+        CommandEnd end{CommandEnd::Kind::kFailedToRun};
+        end.failure = exception.what();
+        Finish(*command, std::move(end));
+      }
+      lock.unlock();
+      ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
+      lock.lock();
+      DeliverQueued(lock);
+    } else {
+      ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
+    }
     return -1;
   }
   ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", command->parameters.method.c_str());
   return 0;
 }
 
-bool DBusClientAsync::RunFunction(const CommandData& command) {
+bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld) {
+  CommandEnd end{CommandEnd::Kind::kRan, wasHeld};
+  bool ran = false;
   try {
-    return command.function(command.parameters);
-  } catch (...) {
+    ran = command.function(command.parameters);
+  } catch (const std::exception& exception) {
     deliveries_->Discard();  // a half-delivered reply is not delivered at all
+    end.failure = exception.what();
+    Finish(command, std::move(end));
     throw;
   }
+  if (command.parameters.result == nullptr && lastReply_ != nullptr) {
+    end.reply.reset(g_variant_ref(lastReply_), g_variant_unref);
+  }
+  if (!ran && lastError_) end.error.reset(lastError_.release(), g_error_free);
+  if (ran && command.parameters.method == kMethodReadProfiles) end.profiles = profiles_;
+  Finish(command, std::move(end));
+  return ran;
+}
+
+void DBusClientAsync::Finish(const CommandData& command, CommandEnd end) {
+  switch (end.kind) {
+    case CommandEnd::Kind::kRan:
+      tally_->Add(end.wasHeld ? &Counts::replayed : &Counts::ranAtOnce, 1,
+                  end.wasHeld ? commandPool_.size() - 1 : detail::CommandTally::kHeldUnchanged);
+      break;
+    case CommandEnd::Kind::kDroppedAsRepeat: tally_->Add(&Counts::droppedDuplicate); break;
+    case CommandEnd::Kind::kHeld: tally_->Add(&Counts::pooled, 1, commandPool_.size()); break;
+    case CommandEnd::Kind::kDiscarded:
+      tally_->Add(&Counts::discarded, 1, end.wasHeld ? commandPool_.size() : detail::CommandTally::kHeldUnchanged);
+      break;
+    case CommandEnd::Kind::kFailedToRun: tally_->Add(&Counts::failed); break;
+  }
+  if (!command.observer) return;
+  deliveries_->Add([observer = command.observer, shared = std::make_shared<const CommandEnd>(std::move(end))] {
+    observer(*shared);
+  });
 }
 
 void DBusClientAsync::DeliverQueued(std::unique_lock<std::mutex>& poolLock) {
   detail::OrderedDeliveries::Batch batch = deliveries_->Close();
   poolLock.unlock();
-  batch.Run([this] { return closing_.load(); },
-            [] { ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence"); });
+  batch.Run([] { ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence"); });
 }
 
 void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
@@ -292,9 +336,8 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
   while (!self.commandPool_.empty() && !self.closing_) {
     const CommandData command = self.commandPool_.front();
     ZV_LOGI_THD("IpcReady command[%s] STARTED", command.parameters.method.c_str());
-    self.tally_->Add(&Counts::replayed, 1, self.commandPool_.size() - 1);
     try {
-      self.RunFunction(command);
+      self.RunFunction(command, true);
     } catch (const std::exception&) {
       ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
     }
@@ -306,11 +349,12 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
 }
 
 void DBusClientAsync::DiscardPool() {
-  for (CommandData& command : commandPool_) {
+  while (!commandPool_.empty()) {
+    const CommandData command = std::move(commandPool_.front());
+    commandPool_.pop_front();
     if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
+    Finish(command, CommandEnd{CommandEnd::Kind::kDiscarded, true});
   }
-  tally_->Add(&Counts::discarded, static_cast<std::int64_t>(commandPool_.size()), 0);
-  commandPool_.clear();
 }
 
 bool DBusClientAsync::Connect() {
@@ -401,9 +445,11 @@ bool DBusClientAsync::Disconnect() {
     return true;
   }
   ZV_LOGI("Async Disconnect. Reset `ready` without the real disconnecting");
-  std::lock_guard<std::mutex> lock(poolMutex_);
+  testing::Hook(testing::Point::kDisconnectAwaitsPool);
+  std::unique_lock<std::mutex> lock(poolMutex_);
   DiscardPool();
   ready_ = false;
+  DeliverQueued(lock);  // the discarded commands' ends, on this thread
   return true;
 }
 

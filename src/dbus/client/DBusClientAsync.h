@@ -67,6 +67,27 @@ class OrderedDeliveries;
 //    reference is released exactly once, also when its function throws.
 class ZORVEL_API DBusClientAsync : public DBusClient {
  public:
+  // How one command ended, for whoever issued it (see Submit).
+  struct CommandEnd {
+    enum class Kind {
+      kRan,              // its function ran: reply, or error, or failure below
+      kDroppedAsRepeat,  // the same method as the command run just before, or as one held
+      kHeld,             // not the end: pooled until the daemon is ready (ends later, wasHeld set)
+      kDiscarded,        // dropped unsent: by Disconnect or teardown
+      kFailedToRun,      // an exception before its function could run: failure below
+    };
+    explicit CommandEnd(Kind ended = Kind::kRan, bool held = false) : kind(ended), wasHeld(held) {}
+    Kind kind = Kind::kRan;
+    bool wasHeld = false;  // it waited in the pool first
+    // kRan: the daemon's reply; null when the call failed, with `error` the
+    // GDBus error (null when the link was not ready and nothing was sent).
+    std::shared_ptr<GVariant> reply;
+    std::shared_ptr<GError> error;
+    std::vector<common::SessionProfile> profiles;  // kRan, readProfiles: the list the reply carried
+    std::string failure;                           // the exception's text, if one was thrown
+  };
+  using CommandObserver = std::function<void(const CommandEnd&)>;
+
   struct CommandData {
     struct Parameters {
       std::string method;
@@ -76,6 +97,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     };
     Parameters parameters;
     std::function<bool(const Parameters&)> function;
+    CommandObserver observer;  // may be empty
   };
 
   // Where accepted commands ended; for tests and diagnostics (never waits for
@@ -109,6 +131,13 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   // false for a method outside the command table. Takes over the caller's
   // reference to `params` in every case. Never writes `result`.
   bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout) override;
+  // Call, with `observer` told how the command ended: exactly once with its
+  // end, and before that with kHeld if it was held. It runs without any lock
+  // of this client held, after the "onFound" deliveries of a profile read,
+  // on the thread that ended the command: a command thread, the main-loop
+  // thread (a replay, or a Disconnect there), the thread calling Disconnect,
+  // or the destroying thread. Not called when the method is unknown (false).
+  bool Submit(const std::string& method, GVariant* params, int timeout, CommandObserver observer);
 
   // Runs or pools `command`, whose params reference this layer owns.
   int ExecuteCommand(const CommandData& command);
@@ -134,9 +163,12 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     void operator()(bool isReady) const;
   };
   int ExecuteCommand(const CommandData* given);  // null: the oldest accepted command
-  bool RunFunction(const CommandData& command);  // poolMutex_ held
-  void DiscardPool();                            // poolMutex_ held
-  // Runs what was queued under poolMutex_; call it once that is released.
+  // Runs the command's function and ends it as run (a throw passes on).
+  bool RunFunction(const CommandData& command, bool wasHeld);  // poolMutex_ held
+  // Ends `command`: counts it and queues its observer's call.
+  void Finish(const CommandData& command, CommandEnd end);  // poolMutex_ held
+  void DiscardPool();                                      // poolMutex_ held
+  // Runs what was queued under poolMutex_, releasing it first.
   void DeliverQueued(std::unique_lock<std::mutex>& poolLock);
 
   // One connect attempt of the retry timer or of the name watch; true when
@@ -158,6 +190,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   std::mutex timerMutex_;
   std::string activeCommand_;  // guarded by poolMutex_
 
+  common::GErrorPtr lastError_;            // why the last call failed; guarded by poolMutex_
   GSource* connectTimerSource_ = nullptr;  // owned ref to the armed timer; guarded by timerMutex_
   guint nameWatchId_ = 0;                  // the daemon's name while the timer is armed; guarded by timerMutex_
   std::mutex linkMutex_;                   // see "Restoration vs. a connect attempt" above

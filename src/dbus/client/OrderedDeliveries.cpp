@@ -16,12 +16,11 @@ OrderedDeliveries::Batch::~Batch() {
   owner_->PassTurn();
 }
 
-void OrderedDeliveries::Batch::Run(const std::function<bool()>& skip, const std::function<void()>& failed) {
+void OrderedDeliveries::Batch::Run(const std::function<void()>& failed) {
   if (owner_ == nullptr) return;
   OrderedDeliveries* owner = std::exchange(owner_, nullptr);
   owner->AwaitTurn(ticket_);
   for (const Action& action : actions_) {
-    if (skip()) break;
     try {
       action();
     } catch (...) {

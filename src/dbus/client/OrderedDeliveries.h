@@ -31,10 +31,9 @@ class OrderedDeliveries {
     Batch(Batch&& other) noexcept;
     Batch& operator=(Batch&&) = delete;
     ~Batch();  // passes the turn on if the batch never ran
-    // Waits for the batch's turn and runs its actions (`skip` tells when the
-    // rest should be dropped, e.g. once teardown started), then passes the
-    // turn on. An action's exception is passed to `failed` and the batch goes on.
-    void Run(const std::function<bool()>& skip, const std::function<void()>& failed);
+    // Waits for the batch's turn and runs its actions, then passes the turn
+    // on. An action that throws is reported to `failed` and the batch goes on.
+    void Run(const std::function<void()>& failed);
 
    private:
     friend class OrderedDeliveries;
