@@ -22,13 +22,22 @@ class Outcomes {
  public:
   void Attach(Launcher& launcher) {
     launcher.SetOnCommandOutcome([this](const CommandOutcome& outcome) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      Entry& entry = entries_[outcome.id];
-      EXPECT_FALSE(entry.final) << "command " << outcome.id << " ended twice";
-      (outcome.final ? entry.final : entry.interim) = std::make_unique<CommandOutcome>(outcome);
-      entry.thread = std::this_thread::get_id();
-      order_.push_back(outcome.id);
+      std::function<void(const CommandOutcome&)> also;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Entry& entry = entries_[outcome.id];
+        EXPECT_FALSE(entry.final) << "command " << outcome.id << " told after it ended";
+        (outcome.final ? entry.final : entry.interim) = std::make_unique<CommandOutcome>(outcome);
+        entry.thread = std::this_thread::get_id();
+        also = also_;
+      }
+      if (also) also(outcome);
     });
+  }
+  // Also runs `also` for each outcome, after recording it (in the callback, no lock held).
+  void OnEach(std::function<void(const CommandOutcome&)> also) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    also_ = std::move(also);
   }
   // The final outcome of `id` once it came, or an empty one (a test failure) at the deadline.
   CommandOutcome Final(CommandId id) {
@@ -62,7 +71,7 @@ class Outcomes {
   };
   std::mutex mutex_;
   std::map<CommandId, Entry> entries_;
-  std::vector<CommandId> order_;
+  std::function<void(const CommandOutcome&)> also_;
 };
 
 class CommandOutcomes : public BusTest {
@@ -157,21 +166,32 @@ TEST_F(CommandOutcomes, ReportHeldCommandsTwiceAndDiscardedOnesOnTheDiscardingTh
 
   // While the daemon is ready nothing is held, so StopBroadcast discards only what the daemon's
   // vanishing at that moment put on hold: forced here between its readiness test and its lock.
-  CommandId held = 0;
+  // It is called from inside a delivery (an outcome's callback, on a command thread), so the
+  // discarded command's outcome is delivered inside that one, on the same thread.
+  std::atomic<CommandId> putOnHold{0};
+  CommandId trigger = 0;
   dbus::client::testing::SetHook([&](dbus::client::testing::Point point) {
-    if (point != dbus::client::testing::Point::kDisconnectAwaitsPool || held != 0) return;
+    if (point != dbus::client::testing::Point::kDisconnectAwaitsPool || putOnHold != 0) return;
     control().ReleaseName();
     EXPECT_TRUE(logs().WaitFor("IpcReady [0]", 2));
-    launcher_.StartBroadcast(true, &held);
-    EXPECT_TRUE(WaitUntil([&] { return outcomes_.WasHeldFirst(held); }));
+    CommandId id = 0;
+    launcher_.StartBroadcast(true, &id);
+    putOnHold = id;
+    // Its "held" outcome waits for the delivery this runs in: the log says when it is held.
+    EXPECT_TRUE(logs().WaitFor("move command[startBroadcast] into pool"));
   });
-  launcher_.StopBroadcast();
-  dbus::client::testing::SetHook(nullptr);
-  ASSERT_TRUE(outcomes_.Has(held));
-  EXPECT_EQ(outcomes_.ThreadOf(held), std::this_thread::get_id());
+  outcomes_.OnEach([&](const CommandOutcome& told) {
+    if (told.id == trigger) launcher_.StopBroadcast();
+  });
+  launcher_.DeleteStoredProfile(1, &trigger);
+  ASSERT_TRUE(WaitUntil([&] { return putOnHold != 0; }));
+  CommandId held = putOnHold;
   outcome = outcomes_.Final(held);
+  EXPECT_TRUE(outcomes_.WasHeldFirst(held)) << "held after it ended";
+  dbus::client::testing::SetHook(nullptr);
   EXPECT_EQ(outcome.status, CommandStatus::kDiscarded);
   EXPECT_TRUE(outcome.wasHeld);
+  EXPECT_EQ(outcomes_.ThreadOf(held), outcomes_.ThreadOf(trigger));
 
   // Teardown discards what is still held, before the destructor returns.
   Outcomes otherOutcomes;

@@ -45,8 +45,9 @@
 //   calling thread before the call returns; the others on a command thread
 //   of the library, on the main-loop thread (a held command replayed, or
 //   discarded by the daemon's closing event), on the thread calling
-//   StopBroadcast (held commands it discards) or on the thread destroying
-//   the Launcher (held commands discarded at teardown). They follow the
+//   StopBroadcast (held commands it discards; when StopBroadcast is called
+//   from inside a callback, right after that callback returned) or on the
+//   thread destroying the Launcher (held commands discarded at teardown). They follow the
 //   rules of the other callbacks below, run after the instance-found calls
 //   of the same ReadProfiles, and never after the Launcher's destructor
 //   returned.
