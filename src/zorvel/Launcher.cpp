@@ -212,6 +212,14 @@ class CommandRun {
     } else if (!end.reply) {
       DescribeFailure(end.error.get(), outcome);
     } else if (outcome.method == dbus::client::kMethodReadProfiles) {
+      // The decoder reads a reply of another shape as an empty list.
+      if (!g_variant_is_of_type(end.reply.get(), G_VARIANT_TYPE("(r)"))) {
+        outcome.status = CommandStatus::kFailed;
+        outcome.errorName = kErrorInvalidReply;
+        outcome.errorMessage = std::string("the daemon answered ") + g_variant_get_type_string(end.reply.get()) +
+                               ", not a profile list";
+        return;
+      }
       outcome.status = CommandStatus::kAnswered;
       outcome.profiles = end.profiles;
     } else {

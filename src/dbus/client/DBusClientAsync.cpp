@@ -123,6 +123,8 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
   if (parameters.result != nullptr) return true;
 
   DBusClientAsync& self = *client;
+  // Decoded whole before anything is queued: a reply that does not decode
+  // throws here and delivers nothing.
   self.profiles_ = common::VariantToProfiles(self.lastReply_);
   ZV_LOGI_THD("Read profiles size[%zu]", self.profiles_.size());
   // Queued, not dispatched: the handlers run once poolMutex_ is released.
@@ -274,7 +276,6 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld) {
   try {
     ran = command.function(command.parameters);
   } catch (const std::exception& exception) {
-    deliveries_->Discard();  // a half-delivered reply is not delivered at all
     end.failure = exception.what();
     Finish(command, std::move(end));
     throw;

@@ -64,8 +64,6 @@ void OrderedDeliveries::Batch::Run(const std::function<void()>& failed) {
 
 void OrderedDeliveries::Add(Action action) { pending_.push_back(std::move(action)); }
 
-void OrderedDeliveries::Discard() { pending_.clear(); }
-
 OrderedDeliveries::Batch OrderedDeliveries::Close() {
   Batch batch;
   if (pending_.empty()) return batch;

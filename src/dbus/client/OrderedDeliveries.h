@@ -21,7 +21,7 @@ namespace detail {
 // for its turn there, which the thread itself holds: it is put off, and the
 // thread runs it in turn once the batch that caused it has ended.
 //
-// Locks: Add(), Discard() and Close() run under the caller's lock that orders
+// Locks: Add() and Close() run under the caller's lock that orders
 // the batches (the pool lock); it guards pending_ and nextTicket_. Turns are
 // passed under turnMutex_, a leaf, never held while an action runs.
 // Invariant: a batch runs only after every batch of a lower ticket has run
@@ -50,7 +50,6 @@ class OrderedDeliveries {
   };
 
   void Add(Action action);      // caller's lock held
-  void Discard();               // caller's lock held: drops what was added since the last Close
   Batch Close();                // caller's lock held: the pending actions with their turn
 
  private:
