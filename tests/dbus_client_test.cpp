@@ -66,7 +66,6 @@ class DBusClientTest : public BusTest {
 TEST_F(DBusClientTest, CallsOnlyOnceTheWatcherReportedAndFollowsTheOwnerThroughARestart) {
   DBusClient client;
   ready_.Watch(client);
-  const std::string owner = NameOwner(kBusName);
   GVariant* untouched = reinterpret_cast<GVariant*>(&ready_);
   GVariant* reply = untouched;
   RunOnMainLoop([&] {  // the watcher cannot report meanwhile
@@ -74,21 +73,14 @@ TEST_F(DBusClientTest, CallsOnlyOnceTheWatcherReportedAndFollowsTheOwnerThroughA
     EXPECT_TRUE(client.IsConnected());
     EXPECT_FALSE(client.Call(kMethodInit, nullptr, &reply, -1));
     EXPECT_EQ(reply, untouched) << "a refused call wrote the result slot";
-    EXPECT_EQ(logs().Count("Dbus is nor ready yet [0][0]"), 1u) << logs().Dump();
-    EXPECT_TRUE(logs().Contains("Old nameOwner(), new nameOwner (" + owner + ")"));
     EXPECT_TRUE(client.Connect());  // connected already: no second proxy
-    EXPECT_EQ(logs().Count("Old nameOwner("), 1u);
   });
   ASSERT_TRUE(ready_.WaitFor("T"));
-  EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + owner + "], old one was []"));
   EXPECT_TRUE(InitWorks(client)) << logs().Dump();
   EXPECT_EQ(control().CallsOf(kMethodInit).size(), 1u) << "the refused call must not reach the daemon";
-
-  const std::string restarted = control().Restart();
+  control().Restart();
   ASSERT_TRUE(ready_.WaitFor("TFT"));
   EXPECT_TRUE(client.IsConnected()) << "a vanished name must not disconnect the client";
-  EXPECT_TRUE(logs().Contains("Name [" + kBusName + "] vanished on DBus"));
-  EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + restarted + "], old one was []"));
   EXPECT_TRUE(InitWorks(client)) << logs().Dump();
 }
 
@@ -99,38 +91,28 @@ TEST_F(DBusClientTest, ConnectRefusesAMissingOrRememberedOwnerAndKeepsHandlersAc
   control().ReleaseName();
   EXPECT_FALSE(client.Connect());
   EXPECT_FALSE(client.IsConnected());
-  EXPECT_TRUE(logs().Contains("Connection failed: got empty nameOwner? [1] connected to service which terminates? [0]"))
-      << logs().Dump();
   EXPECT_FALSE(client.Call(kMethodInit, nullptr, nullptr, -1));
-  EXPECT_TRUE(logs().Contains("Dbus is nor ready yet [1][0]")) << "the proxy was kept";
 
   control().AcquireName();
   ConnectReady(client, ready_);
   EXPECT_TRUE(client.Disconnect());
   EXPECT_FALSE(client.IsConnected());
   EXPECT_FALSE(client.Disconnect());
-  EXPECT_EQ(logs().Count("Already disconnected"), 1u);
   client.StopBusWatcher();
-  EXPECT_FALSE(client.Connect());
-  EXPECT_TRUE(logs().Contains("Connection failed: got empty nameOwner? [0] connected to service which terminates? [1]"))
-      << logs().Dump();
-
+  EXPECT_FALSE(client.Connect()) << "the owner it remembers is taken for one that goes away";
   // A watcher that reports the remembered owner changes nothing.
-  logs().Clear();
   client.LaunchBusWatcher();
   EXPECT_TRUE(logs().WaitFor("Connected to old name owner, which terminates"));
   EXPECT_FALSE(client.Call(kMethodInit, nullptr, nullptr, -1));
-  EXPECT_TRUE(logs().Contains("Dbus is nor ready yet [1][0]"));
   client.StopBusWatcher();
   control().Emit(kSignalOnServiceShutdown, g_variant_new("(i)", 2));  // not connected: not handled
 
-  const std::string owner = control().Restart();
+  control().Restart();
   ConnectReady(client, ready_, "TT");
-  EXPECT_TRUE(logs().Contains("Upadte name owner, set new ID [" + owner + "]"));
   EXPECT_TRUE(InitWorks(client));
   control().Emit(kSignalOnServiceShutdown, g_variant_new("(i)", 3));
   EXPECT_TRUE(WaitUntil([&] { return received == 1; }));
-  EXPECT_EQ(logs().Count("[Zorvel] Got Signal from zorvel daemon onServiceShutdown"), 1u) << logs().Dump();
+  EXPECT_TRUE(control().CallsOf(kMethodInit).size() == 1u);
 }
 
 TEST_F(DBusClientTest, CallSinksAFloatingArgumentAndReportsFailures) {
@@ -164,14 +146,14 @@ TEST_F(DBusClientTest, CallSinksAFloatingArgumentAndReportsFailures) {
   EXPECT_TRUE(client.IsConnected());
 }
 
-TEST_F(DBusClientTest, DisconnectsWhenDestroyedAndCallsBackNoMore) {
+TEST_F(DBusClientTest, CallsBackNoMoreOnceDestroyed) {
   auto ready = std::make_unique<ReadyLog>();
   auto client = std::make_unique<DBusClient>();
   ConnectReady(*client, *ready);
   client.reset();
   ready.reset();  // a late callback into it would be a use after free
-  EXPECT_EQ(logs().Count("Disconnect started"), 1u) << logs().Dump();
-  EXPECT_TRUE(logs().Contains("~DBusClient end"));
+  control().Restart();
+  EXPECT_TRUE(WaitUntil([&] { return NameOwner(kBusName).size() > 0; }));
 }
 
 TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
