@@ -56,7 +56,13 @@ class PrivateBus {
   void Stop() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (loop_ != nullptr) {
-      g_main_loop_quit(loop_);
+      // Quit from inside the loop: a quit before g_main_loop_run started would be lost.
+      g_idle_add(
+          [](gpointer loop) -> gboolean {
+            g_main_loop_quit(static_cast<GMainLoop*>(loop));
+            return G_SOURCE_REMOVE;
+          },
+          loop_);
       if (loopThread_.joinable()) loopThread_.join();
       g_main_loop_unref(std::exchange(loop_, nullptr));
     }
