@@ -115,7 +115,8 @@ int Run(Reports& reports, int connectId, int deleteId) {
   }
   const CommandOutcome& deletion = reports.ended[remove];
   const auto& profiles = reports.ended[read].profiles;
-  const bool gone = std::none_of(profiles.begin(), profiles.end(), [deleteId](const auto& p) { return p.id == deleteId; });
+  const bool gone =
+      std::none_of(profiles.begin(), profiles.end(), [deleteId](const auto& profile) { return profile.id == deleteId; });
   const bool deleted = deletion.status == CommandStatus::kAnswered && deletion.answer == 0;
   std::printf("done: connected to %d; deleteStoredProfile(%d) answered %d; %zu stored profile(s), %d %s\n", connectId,
               deleteId, deletion.answer, profiles.size(), deleteId, gone ? "no longer among them" : "still among them");

@@ -9,6 +9,12 @@ namespace zorvelctl {
 namespace {
 
 using zv_client::dbus::client::kBusName;
+using zv_client::dbus::client::kMethodConnect;
+using zv_client::dbus::client::kMethodDeinit;
+using zv_client::dbus::client::kMethodDeleteStoredProfile;
+using zv_client::dbus::client::kMethodReadProfiles;
+using zv_client::dbus::client::kMethodStartBroadcast;
+using zv_client::dbus::client::kMethodStopBroadcast;
 using zv_client::zorvel::CommandStatus;
 using zv_client::zorvel::kErrorNotReady;
 
@@ -31,7 +37,7 @@ std::string Judge(const CommandOutcome& outcome, Event& summary) {
   const std::string error = outcome.errorName + " (" + outcome.errorMessage + ")";
   switch (outcome.status) {
     case CommandStatus::kAnswered:
-      if (outcome.method == zv_client::dbus::client::kMethodReadProfiles) return "";
+      if (outcome.method == kMethodReadProfiles) return "";
       summary.Int("answer", outcome.answer);
       if (outcome.answer == 0) return "";
       return "the daemon refused " + subject + ": it answered " + std::to_string(outcome.answer);
@@ -82,7 +88,7 @@ int RunBroadcast(Session& session, Launcher& launcher) {
     return Event("summary").Int("instances", instances);
   };
   if (!started) {
-    return NoOutcome(session, summary(), Subject("startBroadcast", session.options().onlineCheck ? 1 : 0), start);
+    return NoOutcome(session, summary(), Subject(kMethodStartBroadcast, session.options().onlineCheck ? 1 : 0), start);
   }
   Event refused = summary();
   if (const std::string problem = Judge(*started, refused); !problem.empty()) {
@@ -95,7 +101,7 @@ int RunBroadcast(Session& session, Launcher& launcher) {
   Event stopped = Event("summary").Int("instances", static_cast<std::int64_t>(instances));
   const std::string found = std::to_string(instances) + (instances == 1 ? " instance" : " instances") + " found";
   const std::optional<CommandOutcome> outcome = session.AwaitOutcome(stop);  // it came during the call
-  if (!outcome) return NoOutcome(session, std::move(stopped), "stopBroadcast()", stop);
+  if (!outcome) return NoOutcome(session, std::move(stopped), Subject(kMethodStopBroadcast, std::nullopt), stop);
   if (const std::string problem = Judge(*outcome, stopped); !problem.empty()) {
     return session.Finish(std::move(stopped), kExitFailed, found + "; " + problem);
   }
@@ -107,7 +113,7 @@ int RunProfiles(Session& session, Launcher& launcher) {
   launcher.ReadProfiles(&command);  // empty at once: the list comes with the outcome
   Event summary("summary");
   const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
-  if (!outcome) return NoOutcome(session, std::move(summary), "readProfiles()", command);
+  if (!outcome) return NoOutcome(session, std::move(summary), Subject(kMethodReadProfiles, std::nullopt), command);
   if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
     return session.Finish(std::move(summary), kExitFailed, problem);
   }
@@ -128,7 +134,7 @@ int RunConnect(Session& session, Launcher& launcher) {
   CommandId command = 0;
   launcher.Connect(id, &command);
   const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
-  if (!outcome) return NoOutcome(session, std::move(summary), Subject("connect", id), command);
+  if (!outcome) return NoOutcome(session, std::move(summary), Subject(kMethodConnect, id), command);
   if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
     return session.Finish(std::move(summary), kExitFailed, problem);
   }
@@ -166,7 +172,7 @@ int RunDelete(Session& session, Launcher& launcher) {
   CommandId command = 0;
   launcher.DeleteStoredProfile(id, &command);
   const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
-  if (!outcome) return NoOutcome(session, std::move(summary), Subject("deleteStoredProfile", id), command);
+  if (!outcome) return NoOutcome(session, std::move(summary), Subject(kMethodDeleteStoredProfile, id), command);
   if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
     return session.Finish(std::move(summary), kExitFailed, problem);
   }
@@ -179,7 +185,7 @@ int RunStop(Session& session, Launcher& launcher) {
     launcher.Stop(&command);
     Event summary("summary");
     const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);  // it came during the call
-    if (!outcome) return NoOutcome(session, std::move(summary), "deinit()", command);
+    if (!outcome) return NoOutcome(session, std::move(summary), Subject(kMethodDeinit, std::nullopt), command);
     if (!NotReady(*outcome)) {
       const std::string problem = Judge(*outcome, summary);
       if (!problem.empty()) return session.Finish(std::move(summary), kExitFailed, problem);
