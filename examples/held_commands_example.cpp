@@ -7,6 +7,7 @@
 //
 // issues Connect(CONNECT_ID), DeleteStoredProfile(DELETE_ID) and
 // ReadProfiles() back to back, then waits up to 60 s for their results: the
+// outcome of each (first "held", then the daemon's answer), the
 // connection-available event, and the stored profiles, in which DELETE_ID no
 // longer appears because the deletion reached the daemon before the read.
 // Exit code 0 when all of that happened, 1 otherwise.
@@ -15,6 +16,7 @@
 // that the library needs, a worker runs the scenario and waits for what the
 // callbacks report.
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -30,32 +32,58 @@
 
 namespace {
 
+using zv_client::zorvel::CommandId;
+using zv_client::zorvel::CommandOutcome;
+using zv_client::zorvel::CommandStatus;
+
 constexpr auto kPatience = std::chrono::seconds(60);
-// The stored profiles come one callback each, with no end marker: the list
-// is taken as complete when no further profile came for this long.
-constexpr auto kQuiet = std::chrono::milliseconds(500);
 
 struct Reports {
   std::mutex mutex;
   std::condition_variable changed;
-  std::map<int, std::string> profiles;
-  std::chrono::steady_clock::time_point lastProfile;
+  std::map<CommandId, CommandOutcome> ended;  // final outcomes, by command
   bool connected = false;
 };
 
+const char* StatusText(CommandStatus status) {
+  switch (status) {
+    case CommandStatus::kAnswered: return "answered";
+    case CommandStatus::kFailed: return "failed";
+    case CommandStatus::kTimedOut: return "timed out";
+    case CommandStatus::kDroppedAsRepeat: return "dropped as a repeat";
+    case CommandStatus::kHeld: return "held";
+    case CommandStatus::kDiscarded: return "discarded";
+    case CommandStatus::kNotStarted: return "not started";
+  }
+  return "?";
+}
+
 int Run(Reports& reports, int connectId, int deleteId) {
   zv_client::zorvel::Launcher launcher;
-  launcher.SetOnInstanceFoundCallback([&reports](int id, const std::string& name) {
-    std::lock_guard<std::mutex> lock(reports.mutex);
+  launcher.SetOnInstanceFoundCallback([](int id, const std::string& name) {
     std::printf("  stored profile id %-5d %s\n", id, name.c_str());
-    reports.profiles[id] = name;
-    reports.lastProfile = std::chrono::steady_clock::now();
-    reports.changed.notify_all();
   });
   launcher.SetOnConnectionAvailable([&reports, connectId](int id, bool available) {
     std::lock_guard<std::mutex> lock(reports.mutex);
     std::printf("  connection id %-5d %s\n", id, available ? "available" : "not available");
     if (id == connectId && available) reports.connected = true;
+    reports.changed.notify_all();
+  });
+  // Each command is told here first as held, then once more when it ends.
+  launcher.SetOnCommandOutcome([&reports](const CommandOutcome& outcome) {
+    std::lock_guard<std::mutex> lock(reports.mutex);
+    const std::string argument = outcome.argument ? std::to_string(*outcome.argument) : "";
+    std::printf("  outcome #%llu %s(%s): %s", static_cast<unsigned long long>(outcome.id), outcome.method.c_str(),
+                argument.c_str(), StatusText(outcome.status));
+    if (outcome.status == CommandStatus::kAnswered && outcome.method == "readProfiles") {
+      std::printf(", %zu profile(s)", outcome.profiles.size());
+    } else if (outcome.status == CommandStatus::kAnswered) {
+      std::printf(" %d", outcome.answer);
+    } else if (!outcome.errorName.empty()) {
+      std::printf(" (%s)", outcome.errorName.c_str());
+    }
+    std::printf("%s\n", outcome.wasHeld && outcome.final ? ", after being held" : "");
+    if (outcome.final) reports.ended[outcome.id] = outcome;
     reports.changed.notify_all();
   });
   if (launcher.Init() != 0) return 1;
@@ -66,31 +94,33 @@ int Run(Reports& reports, int connectId, int deleteId) {
   // has no owner).
   //
   // They reach the daemon in the order they were issued, each at most once.
-  launcher.Connect(connectId);
+  CommandId connect = 0, remove = 0, read = 0;
+  launcher.Connect(connectId, &connect);
   std::printf("issued connect(%d)\n", connectId);
-  launcher.DeleteStoredProfile(deleteId);
+  launcher.DeleteStoredProfile(deleteId, &remove);
   std::printf("issued deleteStoredProfile(%d)\n", deleteId);
-  launcher.ReadProfiles();
+  launcher.ReadProfiles(&read);
   std::printf("issued readProfiles(); waiting for the daemon...\n");
 
+  // The read's outcome carries the whole list: no need to guess when the
+  // last stored profile has arrived.
   std::unique_lock<std::mutex> lock(reports.mutex);
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  const bool connected = reports.changed.wait_until(lock, deadline, [&] { return reports.connected; });
-  // Then until the profile list is complete.
-  while (connected && std::chrono::steady_clock::now() < deadline) {
-    const auto quietEnd = reports.lastProfile + kQuiet;
-    if (!reports.profiles.empty() && std::chrono::steady_clock::now() >= quietEnd) break;
-    reports.changed.wait_until(lock, reports.profiles.empty() ? deadline : quietEnd);
-  }
-  if (!connected || reports.profiles.empty()) {
+  const bool done = reports.changed.wait_for(lock, kPatience, [&] {
+    return reports.connected && reports.ended.count(remove) != 0 && reports.ended.count(read) != 0;
+  });
+  if (!done || reports.ended[read].status != CommandStatus::kAnswered) {
     std::fprintf(stderr, "the held commands did not complete within %lld s\n",
                  static_cast<long long>(kPatience.count()));
     return 1;
   }
-  const bool deleted = reports.profiles.count(deleteId) == 0;
-  std::printf("done: connected to %d; %zu stored profile(s), %d %s\n", connectId, reports.profiles.size(), deleteId,
-              deleted ? "no longer among them" : "still among them");
-  return deleted ? 0 : 1;
+  const CommandOutcome& deletion = reports.ended[remove];
+  const auto& profiles = reports.ended[read].profiles;
+  const bool gone =
+      std::none_of(profiles.begin(), profiles.end(), [deleteId](const auto& profile) { return profile.id == deleteId; });
+  const bool deleted = deletion.status == CommandStatus::kAnswered && deletion.answer == 0;
+  std::printf("done: connected to %d; deleteStoredProfile(%d) answered %d; %zu stored profile(s), %d %s\n", connectId,
+              deleteId, deletion.answer, profiles.size(), deleteId, gone ? "no longer among them" : "still among them");
+  return deleted && gone ? 0 : 1;
 }
 
 gboolean QuitLoop(gpointer loop) {

@@ -16,6 +16,11 @@
 //    library. They only record what happened and wake the worker; they never
 //    block.
 //
+// Every command ends with an outcome (answered, failed, held, ...), given to
+// the outcome callback. The worker takes each command's id from the
+// overloads with a `CommandId*` and waits for that command's outcome where
+// it needs the daemon's answer; the callback prints every outcome.
+//
 // Run it with the daemon on the system bus (or DBUS_SYSTEM_BUS_ADDRESS set to
 // a bus where it runs). Without a daemon it gives up after 10 seconds with
 // exit code 1.
@@ -25,6 +30,7 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -33,6 +39,10 @@
 #include <zorvel/Launcher.h>
 
 namespace {
+
+using zv_client::zorvel::CommandId;
+using zv_client::zorvel::CommandOutcome;
+using zv_client::zorvel::CommandStatus;
 
 constexpr auto kPatience = std::chrono::seconds(10);  // per step
 
@@ -43,6 +53,7 @@ struct Reports {
   std::map<int, std::string> found;  // every id seen, instance or profile
   int availableId = -1;
   bool available = false;
+  std::map<CommandId, CommandOutcome> ended;  // final outcomes, by command
 
   // Waits until `done()` holds; false after kPatience without it.
   template <typename Predicate>
@@ -50,7 +61,41 @@ struct Reports {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, kPatience, done);
   }
+  // The final outcome of `command`, or none after kPatience without it.
+  std::optional<CommandOutcome> Outcome(CommandId command) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (!changed.wait_for(lock, kPatience, [&] { return ended.count(command) != 0; })) return std::nullopt;
+    return ended[command];
+  }
 };
+
+// One line for an outcome: "#3 connect(101): answered 0".
+std::string Describe(const CommandOutcome& outcome) {
+  std::string text = "#" + std::to_string(outcome.id) + " " + outcome.method + "(" +
+                     (outcome.argument ? std::to_string(*outcome.argument) : "") + "): ";
+  switch (outcome.status) {
+    case CommandStatus::kAnswered:
+      if (outcome.method != "readProfiles") return text + "answered " + std::to_string(outcome.answer);
+      // The whole list at once, with full ids (the instance-found calls
+      // carry them as 16-bit numbers).
+      text += "answered, " + std::to_string(outcome.profiles.size()) + " stored profile(s)";
+      for (std::size_t i = 0; i < outcome.profiles.size(); ++i) {
+        text += (i == 0 ? ": " : ", ") + std::to_string(outcome.profiles[i].id) + " " + outcome.profiles[i].name;
+      }
+      return text;
+    case CommandStatus::kFailed: return text + "failed, " + outcome.errorName + ": " + outcome.errorMessage;
+    case CommandStatus::kTimedOut: return text + "timed out";
+    case CommandStatus::kDroppedAsRepeat: return text + "dropped as a repeat";
+    case CommandStatus::kHeld: return text + "held until the daemon is ready";
+    case CommandStatus::kDiscarded: return text + "discarded";
+    case CommandStatus::kNotStarted: return text + "not started, " + outcome.errorName;
+  }
+  return text;
+}
+
+bool AnsweredZero(const std::optional<CommandOutcome>& outcome) {
+  return outcome && outcome->status == CommandStatus::kAnswered && outcome->answer == 0;
+}
 
 // The scenario; returns the process exit code.
 int Run(Reports& reports) {
@@ -83,6 +128,16 @@ int Run(Reports& reports) {
     reports.changed.notify_all();
   });
   launcher.SetOnCancelConnectionCallback([](int status) { std::printf("  connection cancelled, status %d\n", status); });
+  // Each command ends here exactly once (a held one is reported first as
+  // held, then again when it ends), possibly before the call that issued it
+  // has returned.
+  launcher.SetOnCommandOutcome([&reports](const CommandOutcome& outcome) {
+    std::printf("  outcome    %s\n", Describe(outcome).c_str());
+    if (!outcome.final) return;
+    std::lock_guard<std::mutex> lock(reports.mutex);
+    reports.ended[outcome.id] = outcome;
+    reports.changed.notify_all();
+  });
 
   // Init only starts connecting (on the main loop, in the background). It
   // succeeds even while the daemon is absent: commands are held until the
@@ -93,9 +148,11 @@ int Run(Reports& reports) {
   }
   std::printf("Init done\n");
 
-  // Commands return at once; the daemon's replies arrive as callbacks.
+  // Commands return at once; the daemon's replies arrive as callbacks, and
+  // each command's end as its outcome. This one is held until the library
+  // is connected (about half a second after Init).
+  std::printf("StartBroadcast, waiting for instances...\n");
   launcher.StartBroadcast(false);
-  std::printf("StartBroadcast sent, waiting for instances...\n");
   if (!reports.WaitFor([&] { return !reports.found.empty(); })) {
     std::fprintf(stderr,
                  "No instance reported within %lld s: is the zorvel daemon running on the system bus "
@@ -113,26 +170,43 @@ int Run(Reports& reports) {
     phase = "ReadProfiles";
   }
 
-  // ReadProfiles returns an empty list at once; the stored profiles come
-  // through the instance-found callback. The broadcast is still running, so
-  // its instances keep coming too (already printed, so silent here).
-  launcher.ReadProfiles();
-  std::printf("ReadProfiles sent (stored profiles arrive as instance-found callbacks)\n");
-  std::this_thread::sleep_for(std::chrono::seconds(1));
+  // ReadProfiles returns an empty list at once. The stored profiles come
+  // through the instance-found callback, one by one, and then all together
+  // in the command's outcome, which also says that the list is complete.
+  // The broadcast is still running, so its instances keep coming too
+  // (already printed, so silent here).
+  //
+  // The id the call hands back names the command in its outcome. It is
+  // written before the command is handed over: the outcome may come on
+  // another thread even before ReadProfiles returns.
+  std::printf("ReadProfiles\n");
+  CommandId command = 0;
+  launcher.ReadProfiles(&command);
+  const std::optional<CommandOutcome> read = reports.Outcome(command);
+  if (!read || read->status != CommandStatus::kAnswered) {
+    std::fprintf(stderr, "The stored profiles were not read\n");
+    return 1;
+  }
 
-  // Connect to the first instance found; the answer is the
+  // Connect to the first instance found. The daemon's answer comes with the
+  // outcome (0: it goes ahead); the connection itself is the
   // connection-available callback.
-  launcher.Connect(target);
-  std::printf("Connect(%d) sent, waiting for the connection...\n", target);
+  std::printf("Connect(%d), waiting for the connection...\n", target);
+  launcher.Connect(target, &command);
+  if (!AnsweredZero(reports.Outcome(command))) {
+    std::fprintf(stderr, "The daemon did not accept Connect(%d)\n", target);
+    return 1;
+  }
   if (!reports.WaitFor([&] { return reports.availableId == target; })) {
     std::fprintf(stderr, "No connection-available event for %d within %lld s\n", target,
                  static_cast<long long>(kPatience.count()));
     return 1;
   }
 
-  // StopBroadcast and Stop wait for the daemon's answer. Note: after
-  // StopBroadcast the library holds new commands until the daemon restarts,
-  // so it comes last, before Stop (which is never held).
+  // StopBroadcast and Stop wait for the daemon's answer (their outcomes
+  // are told before they return). Note: after StopBroadcast the library
+  // holds new commands until the daemon restarts, so it comes last, before
+  // Stop (which is never held).
   std::printf("StopBroadcast -> %d\n", launcher.StopBroadcast());
   const int stopped = launcher.Stop();
   std::printf("Stop -> %d\n", stopped);

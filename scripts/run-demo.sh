@@ -2,7 +2,7 @@
 # A guided walk through libzorvel against the simulated daemon, on a private
 # bus that stands in for the system bus. Builds what it needs, then runs:
 #   1. launcher_example: Init, broadcast, stored profiles, connect, stop
-#   2. zorvelctl: profiles (as JSON), connect, delete
+#   2. zorvelctl: profiles (as JSON), connect, delete (and a refused one)
 #   3. a daemon restart: commands issued while the daemon is away are held,
 #      then reach the new daemon instance in the order they were issued
 #   4. zorvelctl stop
@@ -136,10 +136,11 @@ show_sim
 step "1. An application's whole lifecycle (examples/launcher_example.cpp)"
 expect 0 "${example_bin}"
 
-step "2. zorvelctl: stored profiles as JSON, connect, delete"
+step "2. zorvelctl: stored profiles as JSON, connect, delete, a refused delete"
 expect 0 "${ctl_bin}" --json profiles
 expect 0 "${ctl_bin}" connect 102
 expect 0 "${ctl_bin}" delete 3
+expect 1 "${ctl_bin}" --json delete 3 # gone now: the daemon refuses, and its answer says so
 
 step "3. The daemon restarts: held commands reach the new instance in order"
 sim ReleaseName >/dev/null

@@ -1,0 +1,29 @@
+#pragma once
+
+// zorvelctl's command line: what the user asked for, and the --help text.
+
+#include <optional>
+#include <string>
+
+namespace zorvelctl {
+
+enum Exit { kExitOk = 0, kExitFailed = 1, kExitUsage = 2, kExitUnreachable = 3 };
+
+struct Options {
+  std::string command;  // broadcast, profiles, connect, delete, stop or monitor
+  int id = 0;           // connect, delete
+  bool onlineCheck = false;
+  std::optional<double> timeout;  // seconds, 0 for none; set by ParseOptions
+  bool verbose = false;
+  bool json = false;
+  bool help = false;
+};
+
+// Fills `options` from the command line and gives the command its default
+// timeout; returns an error message, empty when `options` is complete (or
+// --help was asked for).
+std::string ParseOptions(int argc, char** argv, Options& options);
+
+extern const char kUsage[];
+
+}  // namespace zorvelctl
