@@ -239,7 +239,11 @@ bool Simulator::Start(GError** error) {
   if (controlNode_ == nullptr) return false;
 
   control_.reset(OpenConnection(error));
-  if (!control_) return false;
+  if (!control_) {
+    g_prefix_error(error, "the bus at %s is not reachable (set it with --address or DBUS_SYSTEM_BUS_ADDRESS): ",
+                   address_.c_str());
+    return false;
+  }
   closedHandlerId_ = g_signal_connect(control_.get(), "closed", G_CALLBACK(&Simulator::OnBusClosed), this);
   static const GDBusInterfaceVTable vtable = {&Simulator::ControlCallThunk, nullptr, nullptr, {}};
   controlObjectId_ = g_dbus_connection_register_object(control_.get(), kControlPath, controlNode_->interfaces[0],
