@@ -4,6 +4,7 @@ if (!exists("dir")) dir = "."
 exists_file(name) = system("test -f '".dir."/".name."' && echo 1 || echo 0") + 0
 silent = exists_file("call_silent.dat")
 threads = exists_file("call_thread_floor.dat")
+journal = exists_file("call_journal.dat") && exists_file("signal_journal.dat")
 
 set terminal pngcairo size 1200,500 font ",10" noenhanced
 set output dir."/latency.png"
@@ -19,6 +20,7 @@ lib = "lw 2 lc rgb '#c0392b'"
 quiet = "lw 2 dt 2 lc rgb '#e67e22'"
 gdbus = "lw 2 lc rgb '#2471a3'"
 gdbusThreads = "lw 2 dt 3 lc rgb '#17a589'"
+withJournal = "lw 2 dt 4 lc rgb '#7d3c98'"
 
 do for [what in "call signal"] {
   set title (what eq "call" ? "call -> echo observed in a callback" : "daemon signal -> callback")
@@ -31,6 +33,7 @@ do for [what in "call signal"] {
   file(arm) = "'".dir."/".what."_".arm.".dat' using 1:2 with lines "
   cmd = "plot ".file("lib").lib." title 'library (Launcher)'"
   if (silent) { cmd = cmd.", ".file("silent").quiet." title 'library, log silenced'" }
+  if (journal) { cmd = cmd.", ".file("journal").withJournal." title 'library, journal listening'" }
   cmd = cmd.", ".file("floor").gdbus." title 'plain GDBus'"
   if (what eq "call" && threads) { cmd = cmd.", ".file("thread_floor").gdbusThreads." title 'plain GDBus, a thread per call'" }
   eval cmd
