@@ -148,7 +148,9 @@ void CallPhase(Bench& bench, Journal journal) {
   report.Set(prefix + "call_ratio_p99", Ratio(lib.p99, floor.p99));
   report.Set(prefix + "call_lib_us_median", lib.median);
   report.Set(prefix + "call_ratio_vs_thread_floor_median", Ratio(lib.median, threadFloor.median));
-  report.WriteSamples(listening ? "call_journal" : "call_lib", samples[Bench::kArmLib]);
+  report.WriteSamples("call_" + prefix + "lib", samples[Bench::kArmLib]);
+  report.WriteSamples("call_" + prefix + "floor", samples[Bench::kArmFloor]);
+  report.WriteSamples("call_" + prefix + "thread_floor", samples[Bench::kArmThreadFloor]);
   if (listening) return;
 
   report.Set("call_floor_us_median", floor.median);
@@ -159,8 +161,6 @@ void CallPhase(Bench& bench, Journal journal) {
   report.Set("accept_thread_floor_us_p99", threadAccept.p99);
   report.Set("accept_p99_ratio_vs_thread_floor", Ratio(acceptStats.p99, threadAccept.p99));
   report.Set("call_thread_floor_ratio_median", Ratio(threadFloor.median, floor.median));
-  report.WriteSamples("call_floor", samples[Bench::kArmFloor]);
-  report.WriteSamples("call_thread_floor", samples[Bench::kArmThreadFloor]);
   report.Set("thread_start_us_median", threadStats.median);
   report.Set("thread_start_us_p99", threadStats.p99);
 

@@ -42,7 +42,8 @@ void SignalPhase(Bench& bench, Journal journal) {
     report.Set("journal_signal_ratio_median", Ratio(lib.median, floor.median));
     report.Set("journal_signal_ratio_p99", Ratio(lib.p99, floor.p99));
     report.Set("journal_signal_lib_us_median", lib.median);
-    report.WriteSamples("signal_journal", samples[Bench::kArmLib]);
+    report.WriteSamples("signal_journal_lib", samples[Bench::kArmLib]);
+    report.WriteSamples("signal_journal_floor", samples[Bench::kArmFloor]);
     return;
   }
   report.Row("daemon signal -> callback", lib, floor);
