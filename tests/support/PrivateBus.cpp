@@ -1,21 +1,19 @@
 #include "support/PrivateBus.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <exception>
 #include <mutex>
 #include <thread>
 #include <utility>
 
 #include <gtest/gtest.h>
+
+#include "support/Processes.h"
 
 #if defined(__SANITIZE_THREAD__)
 extern "C" void __tsan_acquire(void* address);
@@ -31,16 +29,13 @@ namespace {
   std::abort();
 }
 
+// Without its bus no test can run: a failure here ends the program.
 common::GObjectPtr<GDBusConnection> Open(const std::string& address) {
-  GError* error = nullptr;
-  GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-      address.c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, &error);
-  if (connection == nullptr) Fatal(std::string("cannot connect to the private bus: ") + error->message);
-  g_dbus_connection_set_exit_on_close(connection, FALSE);
-  return common::GObjectPtr<GDBusConnection>(connection);
+  try {
+    return OpenBusConnection(address);
+  } catch (const std::exception& error) {
+    Fatal(error.what());
+  }
 }
 
 class PrivateBus {
@@ -98,25 +93,18 @@ class PrivateBus {
   }
 
   void StartDaemon() {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) Fatal("pipe2 failed");
-    pid_ = SpawnChild({ZORVEL_TEST_DBUS_DAEMON, "--config-file=" ZORVEL_TEST_BUS_CONFIG, "--nofork",
-                       "--print-address=" + std::to_string(fds[1]), "--address=" + address_},
-                      fds[1]);
-    close(fds[1]);
-    FILE* printed = fdopen(fds[0], "r");  // EOF if the daemon dies first
-    char line[512] = "";
-    if (std::fgets(line, sizeof line, printed) == nullptr || line[0] == '\n') Fatal("dbus-daemon printed no address");
-    std::fclose(printed);
+    try {
+      pid_ = StartBusDaemon(address_).pid;
+    } catch (const std::exception& error) {
+      Fatal(error.what());
+    }
     helper_ = Open(address_);
   }
 
   void StopDaemon(int signal) {
     helper_.reset();
     if (pid_ <= 0) return;
-    kill(pid_, signal);
-    int status = 0;
-    waitpid(pid_, &status, 0);
+    StopChild(pid_, signal, std::chrono::seconds(20));
     pid_ = -1;
   }
 
@@ -163,17 +151,7 @@ common::GObjectPtr<GDBusConnection> OpenBusConnection() { return Open(BusAddress
 
 void RestartBus() { PrivateBus::Get().Restart(); }
 
-std::string NameOwner(const std::string& name) {
-  GVariant* reply = g_dbus_connection_call_sync(
-      PrivateBus::Get().helper().get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "GetNameOwner", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, -1,
-      nullptr, nullptr);  // NameHasNoOwner is the error we expect when there is none
-  if (reply == nullptr) return {};
-  common::GVariantPtr owned(reply);
-  const gchar* owner = nullptr;
-  g_variant_get(reply, "(&s)", &owner);
-  return owner;
-}
+std::string NameOwner(const std::string& name) { return NameOwner(PrivateBus::Get().helper().get(), name); }
 
 void RunOnMainLoop(const std::function<void()>& function) {
   struct Job {
@@ -198,25 +176,6 @@ void RunOnMainLoop(const std::function<void()>& function) {
       &job);
   std::unique_lock<std::mutex> lock(job.mutex);
   job.done.wait(lock, [&] { return job.finished; });
-}
-
-pid_t SpawnChild(const std::vector<std::string>& argv, int keepFd) {
-  // Everything the child needs is built before fork: after it, in a process
-  // with threads, only async-signal-safe calls are allowed.
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  const pid_t parent = getpid();
-  const pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);
-    if (keepFd >= 0) fcntl(keepFd, F_SETFD, 0);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  if (pid < 0) Fatal("fork failed");
-  return pid;
 }
 
 }  // namespace testing

@@ -5,15 +5,14 @@
 // of its own, from before the first test (or the first helper that needs it)
 // to after the last.
 
-#include <sys/types.h>
-
 #include <functional>
 #include <string>
-#include <vector>
 
 #include <gio/gio.h>
 
 #include <common/GLibPtr.h>
+
+#include "support/Processes.h"  // SpawnChild and the other start-up helpers
 
 namespace zv_client {
 namespace testing {
@@ -42,10 +41,6 @@ void RunOnMainLoop(const std::function<void()>& function);
 // before handing `p` over and ReceiveFromGLib(p) first thing in the callback.
 void PublishToGLib(const void* handle);
 void ReceiveFromGLib(const void* handle);
-
-// Forks and execs `argv` (argv[0] is the program path). The child dies with
-// the thread that started it, so a crashed test leaves nothing behind.
-pid_t SpawnChild(const std::vector<std::string>& argv, int keepFd = -1);
 
 }  // namespace testing
 }  // namespace zv_client

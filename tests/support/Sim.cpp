@@ -1,7 +1,5 @@
 #include "support/Sim.h"
 
-#include <sys/wait.h>
-
 #include <cstdlib>
 
 #include <gtest/gtest.h>
@@ -9,6 +7,7 @@
 #include <dbus/client/ServiceContract.h>
 
 #include "support/PrivateBus.h"
+#include "support/Processes.h"
 #include "support/Wait.h"
 
 namespace zv_client {
@@ -43,16 +42,11 @@ bool SimProcess::Start() {
   if (options_.intervalMs != 0) argv.insert(argv.end(), {"--interval", std::to_string(options_.intervalMs)});
   pid_ = SpawnChild(argv);
 
-  int status = 0;
-  bool exited = false;
-  const bool up = WaitUntil([&] {
-    if (waitpid(pid_, &status, WNOHANG) == pid_) exited = true;
-    return exited || (!NameOwner(kSimBusName).empty() && !NameOwner(kBusName).empty());
-  });
-  if (exited || !up) {
-    ADD_FAILURE() << "zorvel-sim (" << argv[0] << ") did not come up (" << (exited ? "exited" : "timed out")
-                  << ", status " << status << ")";
-    if (exited) pid_ = -1;
+  const OwnersWait wait =
+      WaitForOwners(OpenBusConnection().get(), {kSimBusName, kBusName}, pid_, std::chrono::seconds(20));
+  if (!wait.owned) {
+    ADD_FAILURE() << "zorvel-sim (" << argv[0] << ") did not come up (" << wait.Why() << ")";
+    if (wait.exited) pid_ = -1;
     return false;
   }
   return true;
@@ -61,13 +55,9 @@ bool SimProcess::Start() {
 int SimProcess::Terminate(int signal) {
   if (!Running()) return -1;
   const std::string owners[] = {NameOwner(kSimBusName), NameOwner(kBusName)};
-  kill(pid_, signal);
-  int status = 0;
-  if (!WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) {
-    ADD_FAILURE() << "zorvel-sim ignored signal " << signal;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, &status, 0);
-  }
+  bool forced = false;
+  const int status = StopChild(pid_, signal, std::chrono::seconds(20), &forced);
+  if (forced) ADD_FAILURE() << "zorvel-sim ignored signal " << signal;
   pid_ = -1;
   // The bus drops a dead peer's names a little after the process is gone.
   const bool gone = WaitUntil([&] {
@@ -75,7 +65,7 @@ int SimProcess::Terminate(int signal) {
            (owners[1].empty() || NameOwner(kBusName) != owners[1]);
   });
   EXPECT_TRUE(gone) << "the names of the dead zorvel-sim are still owned";
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return status;
 }
 
 SimControl::SimControl() : connection_(OpenBusConnection()) {}

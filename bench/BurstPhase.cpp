@@ -1,0 +1,160 @@
+// A burst: a thousand commands, Connect and StartBroadcast in turn, issued
+// back to back while the daemon is ready, until every one has ended; the
+// threads and memory it takes; against the same calls sent asynchronously
+// with plain GDBus until every answer is in.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include <dbus/client/ServiceContract.h>
+
+#include "Phases.h"
+
+namespace zv_bench {
+namespace {
+
+namespace contract = zv_client::dbus::client;
+
+struct ProcStatus {
+  long threads = 0;
+  long rssKb = 0;
+  long hwmKb = 0;
+};
+
+ProcStatus ReadStatus() {
+  ProcStatus status;
+  std::ifstream in("/proc/self/status");
+  std::string key;
+  while (in >> key) {
+    if (key == "Threads:") {
+      in >> status.threads;
+    } else if (key == "VmRSS:") {
+      in >> status.rssKb;
+    } else if (key == "VmHWM:") {
+      in >> status.hwmKb;
+    }
+    in.ignore(1 << 20, '\n');
+  }
+  return status;
+}
+
+// Field 20 of /proc/self/stat; cheaper to read than the status file.
+long ThreadCount() {
+  char buffer[1024];
+  const int fd = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  const ssize_t n = read(fd, buffer, sizeof buffer - 1);
+  close(fd);
+  if (n <= 0) return 0;
+  buffer[n] = '\0';
+  const char* p = std::strrchr(buffer, ')');
+  if (p == nullptr) return 0;
+  for (int field = 2; field < 20 && p != nullptr; ++field) p = std::strchr(p + 1, ' ');
+  return p != nullptr ? std::strtol(p + 1, nullptr, 10) : 0;
+}
+
+}  // namespace
+
+void BurstPhase(Bench& bench) {
+  const Options& options = bench.options;
+  std::vector<double> libMs, floorMs, burstAccept;
+  double ranTotal = 0, droppedTotal = 0;
+  long peakThreads = 0, peakRssGrowth = 0, baseThreads = 0;
+  for (int run = 0; run < options.burstRuns; ++run) {
+    bench.LibRun(contract::kMethodStartBroadcast);
+    const std::uint64_t echoesBefore = bench.libProbe.Echoes();
+    const auto before = bench.library.client().GetCounts();
+    {
+      std::ofstream reset("/proc/self/clear_refs");
+      reset << "5";  // restart the peak-RSS mark
+    }
+    const ProcStatus base = ReadStatus();
+    baseThreads = base.threads;
+    std::atomic<bool> sampling{true};
+    std::atomic<long> threads{base.threads};
+    std::thread sampler([&] {
+      while (sampling) {
+        const long now = ThreadCount();
+        if (now > threads) threads = now;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
+    });
+
+    std::string method = contract::kMethodConnect;
+    const Ns start = NowNs();
+    for (int i = 0; i < options.burstSize; ++i) {
+      if (method == contract::kMethodConnect && bench.libConnected) Fatal("burst: Connect would be refused");
+      burstAccept.push_back(Us(bench.library.Issue(method, bench.NextId())));
+      bench.libConnected = method == contract::kMethodConnect;
+      method = Bench::Other(method);
+    }
+    Ns end = 0;
+    for (;;) {
+      const auto counts = bench.library.client().GetCounts();
+      if (counts.inFlight == 0 &&
+          counts.accepted - before.accepted == static_cast<std::uint64_t>(options.burstSize)) {
+        end = NowNs();
+        break;
+      }
+      if (NowNs() - start > 60000000000ULL) Fatal("burst did not end");
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    sampling = false;
+    sampler.join();
+    const ProcStatus after = ReadStatus();
+    const auto counts = bench.library.client().GetCounts();
+    const double ran = static_cast<double>(counts.ranAtOnce - before.ranAtOnce);
+    const double dropped = static_cast<double>(counts.droppedDuplicate - before.droppedDuplicate);
+    libMs.push_back(static_cast<double>(end - start) / 1e6);
+    ranTotal += ran;
+    droppedTotal += dropped;
+    peakThreads = std::max(peakThreads, threads.load());
+    peakRssGrowth = std::max(peakRssGrowth, after.hwmKb - base.rssKb);
+    // Every command that ran is echoed; let the echoes drain before the next
+    // measurement. Which method ran last is unknown now.
+    bench.libProbe.WaitEchoes(echoesBefore + static_cast<std::uint64_t>(ran), 30000);
+    bench.lastLibMethod.clear();
+
+    // Floor: the same number of calls, sent without waiting, until every
+    // answer is in.
+    std::atomic<int> answered{0};
+    const Ns floorStart = NowNs();
+    for (int i = 0; i < options.burstSize; ++i) {
+      bench.floor.CallAsync(i % 2 == 0 ? contract::kMethodConnect : contract::kMethodStartBroadcast, bench.NextId(),
+                            answered);
+    }
+    while (answered < options.burstSize) {
+      if (NowNs() - floorStart > 60000000000ULL) Fatal("floor burst did not end");
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    floorMs.push_back(static_cast<double>(NowNs() - floorStart) / 1e6);
+    SleepMs(50);
+  }
+
+  Report& report = bench.report;
+  const Stats lib = Summarise(libMs), floor = Summarise(floorMs);
+  const double runs = static_cast<double>(options.burstRuns);
+  report.Line("  %-34s %9.1f %9s   %9.1f %9s   %6.2f         (ms, median of %d)", "burst of commands", lib.median, "",
+              floor.median, "", Ratio(lib.median, floor.median), options.burstRuns);
+  report.Line("    ran %.0f, dropped as repeats %.0f (mean per burst of %d); peak threads %ld (base %ld); "
+              "peak RSS growth %ld kB",
+              ranTotal / runs, droppedTotal / runs, options.burstSize, peakThreads, baseThreads, peakRssGrowth);
+  const Stats accept = Summarise(burstAccept);
+  report.Line("    caller blocked per command during the burst: median %.1f us, p99 %.1f us", accept.median,
+              accept.p99);
+  report.Set("burst_accept_us_p99", accept.p99);
+  report.Set("burst_ms", lib.median);
+  report.Set("burst_floor_ms", floor.median);
+  report.Set("burst_ran", ranTotal / runs);
+  report.Set("burst_dropped", droppedTotal / runs);
+  report.Set("burst_peak_threads", static_cast<double>(peakThreads));
+  report.Set("burst_peak_rss_growth_kb", static_cast<double>(peakRssGrowth));
+}
+
+}  // namespace zv_bench

@@ -1,0 +1,138 @@
+// Log lines: what one line costs the thread that writes it (no journal
+// listening, formatting only, back to back, and with a journal listening),
+// and how many lines a command and a signal write.
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include <common/GLibUtils.h>
+#include <platform/SystemLog.h>
+
+#include "Phases.h"
+#include "support/PrivateJournal.h"
+
+namespace zv_bench {
+namespace {
+
+namespace platform = zv_client::platform;
+
+// A typical line of the command layer, through the library's own entry.
+void LogOneLine(const std::string& thread) {
+  platform::LogPrint(platform::LogBuffer::kSystem, platform::LogPriority::kInfo, "zorvel.dbus_client",
+                     "%s: %s(%d) > thd: %s \"ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]\"",
+                     "DBusClientAsync.cpp", "ExecuteCommand", 182, thread.c_str(), "startBroadcast", 1, 1,
+                     static_cast<std::size_t>(0));
+}
+
+// Lines back to back: the mean cost per line when logging is all a thread does.
+double TimeLogLines(int lines) {
+  const std::string thread = logt::thread_id();
+  const Ns start = NowNs();
+  for (int i = 0; i < lines; ++i) LogOneLine(thread);
+  return static_cast<double>(NowNs() - start) / 1e3 / lines;
+}
+
+// Lines one at a time, as the library writes them between other work: the
+// median time the logging thread spends on one line.
+double TimeSpacedLogLines(int lines) {
+  const std::string thread = logt::thread_id();
+  std::vector<double> costs;
+  costs.reserve(static_cast<std::size_t>(lines));
+  for (int i = 0; i < lines; ++i) {
+    const Ns start = NowNs();
+    LogOneLine(thread);
+    costs.push_back(static_cast<double>(NowNs() - start) / 1e3);
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+  }
+  return Summarise(costs).median;
+}
+
+}  // namespace
+
+double MeasureLiveJournalLine(int lines) {
+  // A child, forked while this process has no other thread yet, enters a
+  // mount namespace where the journal's socket is one of its own, drained by
+  // a thread as journald would, and times the library's lines to it.
+  int result[2];
+  if (pipe2(result, O_CLOEXEC) != 0) Fatal("pipe2 failed");
+  const pid_t child = fork();
+  if (child < 0) Fatal(std::string("fork: ") + std::strerror(errno));
+  if (child == 0) {
+    close(result[0]);
+    std::string why = zv_client::testing::EnterPrivateJournalDir();
+    double perLine = -1;
+    if (why.empty()) {
+      JournalListener listener;
+      why = listener.failure();
+      if (why.empty() && !AwaitJournalVerdict(true)) why = "the library sees no journal";
+      if (why.empty()) {
+        TimeLogLines(1000);  // warm-up
+        perLine = TimeSpacedLogLines(lines);
+        if (listener.received() == 0) {
+          perLine = -1;
+          why = "no line reached the socket";
+        }
+      }
+    }
+    if (perLine < 0) {
+      std::fprintf(stderr, "zorvel-bench: no journal of our own (%s); log_live_us_per_line not measured\n",
+                   why.c_str());
+    }
+    const bool sent = write(result[1], &perLine, sizeof perLine) == static_cast<ssize_t>(sizeof perLine);
+    std::_Exit(sent ? 0 : 1);
+  }
+  close(result[1]);
+  double perLine = -1;
+  if (read(result[0], &perLine, sizeof perLine) != static_cast<ssize_t>(sizeof perLine)) perLine = -1;
+  close(result[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return perLine;
+}
+
+void LogPhase(Bench& bench) {
+  const int lines = bench.options.logLines;
+  DefaultLog();
+  TimeLogLines(1000);  // warm-up
+  const double perLine = TimeSpacedLogLines(lines / 10);
+  const double backToBack = TimeLogLines(lines);
+  SilenceLog();
+  const double formatOnly = TimeSpacedLogLines(lines / 10);
+
+  // How many lines each kind of work writes.
+  LineCounter counter;
+  counter.Install();
+  const int n = 50;
+  std::uint64_t start = counter.lines;
+  for (int i = 0; i < n; ++i) bench.LibRun(Bench::Other(bench.lastLibMethod));
+  SleepMs(20);
+  const double perCall = static_cast<double>(counter.lines - start) / n;
+  start = counter.lines;
+  for (int i = 0; i < n; ++i) LibSignalSample(bench);
+  SleepMs(20);
+  const double perSignal = static_cast<double>(counter.lines - start) / n;
+  DefaultLog();
+
+  Report& report = bench.report;
+  report.Line("  %-34s %9.2f us (default output, median); %.2f us formatting only; %.2f us each back to back",
+              "one log line", perLine, formatOnly, backToBack);
+  if (bench.liveLogLine >= 0) {
+    report.Line("  %-34s %9.2f us (median)", "one log line, journal listening", bench.liveLogLine);
+    report.Set("log_live_us_per_line", bench.liveLogLine);
+  } else {
+    report.Line("  %-34s %9s (no journal of our own could be set up)", "one log line, journal listening", "-");
+  }
+  report.Line("  %-34s %9.1f per command (call + echo), %.1f per signal delivered", "log lines", perCall, perSignal);
+  report.Set("log_us_per_line", perLine);
+  report.Set("log_format_us_per_line", formatOnly);
+  report.Set("log_back_to_back_us_per_line", backToBack);
+  report.Set("log_lines_per_call", perCall);
+  report.Set("log_lines_per_signal", perSignal);
+}
+
+}  // namespace zv_bench

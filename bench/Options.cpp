@@ -1,0 +1,110 @@
+#include "Options.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+namespace zv_bench {
+namespace {
+
+std::vector<std::string> Split(const std::string& text) {
+  std::vector<std::string> parts;
+  std::stringstream in(text);
+  for (std::string part; std::getline(in, part, ',');) {
+    if (!part.empty()) parts.push_back(part);
+  }
+  return parts;
+}
+
+void Usage(const char* program) {
+  std::printf(
+      "usage: %s [options]\n"
+      "Measures libzorvel against plain GDBus on a private bus with a lean daemon.\n"
+      "  --out DIR            samples, plot and logs (default bench-results)\n"
+      "  --phases LIST        call,signal,profiles,burst,recovery,log (default: all)\n"
+      "  --samples N          call and signal samples per arm (default 2000)\n"
+      "  --profile-runs N     ReadProfiles runs per arm (default 25)\n"
+      "  --profiles N         stored profiles (default 1000, capped at %d: see the output)\n"
+      "  --burst-runs N       bursts (default 3)\n"
+      "  --burst-size N       commands per burst (default 1000)\n"
+      "  --recovery-rounds N  daemon restarts (default 12)\n"
+      "  --no-silent-pass     no arm with the library's log silenced\n"
+      "  --no-journal-pass    calls and signals only with no journal listening\n"
+      "  --quick              a short run (for profiling under valgrind)\n"
+      "  --trace              the library's log lines to stderr instead of the system log\n"
+      "  --timeline           the library's log lines, timed, to <out>/timeline.txt instead\n"
+      "  --daemon PATH, --dbus-daemon PATH, --bus-config PATH, --plot-script PATH\n"
+      "The last line of the output is one JSON object with the figures.\n",
+      program, kMaxProfilesOnTheBus);
+}
+
+}  // namespace
+
+bool Options::Has(const char* phase) const { return std::find(phases.begin(), phases.end(), phase) != phases.end(); }
+
+int ParseOptions(int argc, char** argv, Options& options) {
+  enum {
+    kOut = 1000, kPhases, kSamples, kProfileRuns, kProfiles, kBurstRuns, kBurstSize, kRecovery, kNoSilent,
+    kNoJournal, kQuick, kTrace, kTimeline, kDaemon, kDbusDaemon, kBusConfig, kPlot, kHelp
+  };
+  static const option kOptions[] = {
+      {"out", required_argument, nullptr, kOut},
+      {"phases", required_argument, nullptr, kPhases},
+      {"samples", required_argument, nullptr, kSamples},
+      {"profile-runs", required_argument, nullptr, kProfileRuns},
+      {"profiles", required_argument, nullptr, kProfiles},
+      {"burst-runs", required_argument, nullptr, kBurstRuns},
+      {"burst-size", required_argument, nullptr, kBurstSize},
+      {"recovery-rounds", required_argument, nullptr, kRecovery},
+      {"no-silent-pass", no_argument, nullptr, kNoSilent},
+      {"no-journal-pass", no_argument, nullptr, kNoJournal},
+      {"quick", no_argument, nullptr, kQuick},
+      {"trace", no_argument, nullptr, kTrace},
+      {"timeline", no_argument, nullptr, kTimeline},
+      {"daemon", required_argument, nullptr, kDaemon},
+      {"dbus-daemon", required_argument, nullptr, kDbusDaemon},
+      {"bus-config", required_argument, nullptr, kBusConfig},
+      {"plot-script", required_argument, nullptr, kPlot},
+      {"help", no_argument, nullptr, kHelp},
+      {nullptr, 0, nullptr, 0}};
+  for (int opt; (opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+    switch (opt) {
+      case kOut: options.outDir = optarg; break;
+      case kPhases: options.phases = Split(optarg); break;
+      case kSamples: options.callSamples = options.signalSamples = std::atoi(optarg); break;
+      case kProfileRuns: options.profileRuns = std::atoi(optarg); break;
+      case kProfiles: options.profileCount = std::atoi(optarg); break;
+      case kBurstRuns: options.burstRuns = std::atoi(optarg); break;
+      case kBurstSize: options.burstSize = std::atoi(optarg); break;
+      case kRecovery: options.recoveryRounds = std::atoi(optarg); break;
+      case kNoSilent: options.silentPass = false; break;
+      case kNoJournal: options.journalPass = false; break;
+      case kQuick:
+        options.callSamples = options.signalSamples = 200;
+        options.profileRuns = 3;
+        options.burstRuns = 1;
+        options.recoveryRounds = 2;
+        options.logLines = 2000;
+        break;
+      case kTrace: options.trace = true; break;
+      case kTimeline: options.timeline = true; break;
+      case kDaemon: options.benchDaemon = optarg; break;
+      case kDbusDaemon: options.dbusDaemon = optarg; break;
+      case kBusConfig: options.busConfig = optarg; break;
+      case kPlot: options.plotScript = optarg; break;
+      case kHelp: Usage(argv[0]); return 0;
+      default: Usage(argv[0]); return 2;
+    }
+  }
+  if (optind < argc || options.callSamples < 2 || options.profileRuns < 1 || options.burstRuns < 1 ||
+      options.burstSize < 2 || options.recoveryRounds < 1 || options.logLines < 10) {
+    Usage(argv[0]);
+    return 2;
+  }
+  return -1;
+}
+
+}  // namespace zv_bench
