@@ -371,7 +371,7 @@ TEST_F(LauncherTest, ASecondInitReplacesTheClientUnderTheFirstsCommands) {
   EXPECT_TRUE(control().CallsOf("startBroadcast").empty());
 }
 
-TEST_F(LauncherTest, ReadProfilesListsEveryProfileInFullAfterItsInstanceFoundCalls) {
+TEST_F(LauncherTest, ReadProfilesListsEveryProfileInFullBeforeItsInstanceFoundCalls) {
   control().SetInstances({});  // a broadcast announces nothing: every instance found is a stored profile
   Launcher launcher;
   Attach(launcher);
@@ -387,17 +387,23 @@ TEST_F(LauncherTest, ReadProfilesListsEveryProfileInFullAfterItsInstanceFoundCal
     control().SetReply("readProfiles", common::ProfilesToVariant(store));
     launcher.StartBroadcast(false);  // so that ReadProfiles is no repeat
     const std::size_t before = found_.Items().size();
+    std::atomic<std::size_t> foundWhenListed{0};
+    outcomes_.OnEach([&](const CommandOutcome& told) {
+      if (told.method == "readProfiles") foundWhenListed = found_.Items().size();
+    });
     const CommandOutcome outcome = Run([&](CommandId* id) { launcher.ReadProfiles(id); });
     ASSERT_EQ(outcome.status, CommandStatus::kAnswered) << outcome.errorMessage;
     ASSERT_EQ(outcome.profiles.size(), store.size());
+    EXPECT_EQ(foundWhenListed, before) << "the list came after instance-found calls";
+    ASSERT_TRUE(found_.WaitForSize(before + store.size()));
     const std::vector<Found> found = found_.Items();
-    ASSERT_EQ(found.size(), before + store.size()) << "the list came before the instance-found calls";
     for (std::size_t i = 0; i < store.size(); ++i) {
       EXPECT_EQ(outcome.profiles[i].id, store[i].id);
       EXPECT_EQ(outcome.profiles[i].name, store[i].name);
       EXPECT_EQ(found[before + i], (Found{store[i].id & 0xffff, store[i].name}));
     }
   }
+  outcomes_.OnEach(nullptr);
   // More cannot be sent: the daemon's bus refuses the reply, and the library carries on.
   control().ClearReply("readProfiles");
   SimEntries tooMany;

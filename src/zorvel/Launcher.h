@@ -47,10 +47,10 @@
 //   discarded by the daemon's closing event), on the thread calling
 //   StopBroadcast (held commands it discards; when StopBroadcast is called
 //   from inside a callback, right after that callback returned) or on the
-//   thread destroying the Launcher (held commands discarded at teardown). They follow the
-//   rules of the other callbacks below, run after the instance-found calls
-//   of the same ReadProfiles, and never after the Launcher's destructor
-//   returned.
+//   thread destroying the Launcher (held commands discarded at teardown).
+//   They follow the rules of the other callbacks below and never run after
+//   the Launcher's destructor returned. A ReadProfiles outcome comes just
+//   before the instance-found calls of the same read.
 //
 // Ids in events
 //   Instance ids (instance found, connection available) and cancellation

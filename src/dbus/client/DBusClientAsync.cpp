@@ -127,15 +127,18 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
   // throws here and delivers nothing.
   self.profiles_ = common::VariantToProfiles(self.lastReply_);
   ZV_LOGI_THD("Read profiles size[%zu]", self.profiles_.size());
-  // Queued, not dispatched: the handlers run once poolMutex_ is released.
+  // Queued, not dispatched: the handlers run once poolMutex_ is released. The
+  // payloads are made there too, so that nothing of theirs holds up the
+  // command's end (the list), which is told before them.
   for (const common::SessionProfile& profile : self.profiles_) {
-    GVariant* payload = common::SerializeIntoGVariant(profile.name, profile.id);
-    if (payload == nullptr) {
-      ZV_LOGE("Failed to allocate tuple");
-      continue;
-    }
-    self.deliveries_->Add([&self, owned = std::shared_ptr<GVariant>(g_variant_ref_sink(payload), g_variant_unref)] {
-      if (!self.closing_) self.HandleSignal(kSignalOnFound, owned.get());
+    self.deliveries_->Add([&self, profile] {
+      if (self.closing_) return;
+      const common::GVariantPtr payload = common::SinkVariant(common::SerializeIntoGVariant(profile.name, profile.id));
+      if (!payload) {
+        ZV_LOGE("Failed to allocate tuple");
+        return;
+      }
+      self.HandleSignal(kSignalOnFound, payload.get());
     });
   }
   return true;
@@ -272,12 +275,13 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
 
 bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld) {
   CommandEnd end{CommandEnd::Kind::kRan, wasHeld};
+  const std::size_t firstDelivery = deliveries_->Pending();  // the end is told before the deliveries it made
   bool ran = false;
   try {
     ran = command.function(command.parameters);
   } catch (const std::exception& exception) {
     end.failure = exception.what();
-    Finish(command, std::move(end));
+    Finish(command, std::move(end), firstDelivery);
     throw;
   }
   if (command.parameters.result == nullptr && lastReply_ != nullptr) {
@@ -285,11 +289,11 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld) {
   }
   if (!ran && lastError_) end.error.reset(lastError_.release(), g_error_free);
   if (ran && command.parameters.method == kMethodReadProfiles) end.profiles = profiles_;
-  Finish(command, std::move(end));
+  Finish(command, std::move(end), firstDelivery);
   return ran;
 }
 
-void DBusClientAsync::Finish(const CommandData& command, CommandEnd end) {
+void DBusClientAsync::Finish(const CommandData& command, CommandEnd end, std::size_t deliveryAt) {
   switch (end.kind) {
     case CommandEnd::Kind::kRan:
       tally_->Add(end.wasHeld ? &Counts::replayed : &Counts::ranAtOnce, 1,
@@ -303,9 +307,10 @@ void DBusClientAsync::Finish(const CommandData& command, CommandEnd end) {
     case CommandEnd::Kind::kFailedToRun: tally_->Add(&Counts::failed); break;
   }
   if (!command.observer) return;
-  deliveries_->Add([observer = command.observer, shared = std::make_shared<const CommandEnd>(std::move(end))] {
-    observer(*shared);
-  });
+  deliveries_->Insert(std::min(deliveryAt, deliveries_->Pending()),
+                      [observer = command.observer, shared = std::make_shared<const CommandEnd>(std::move(end))] {
+                        observer(*shared);
+                      });
 }
 
 void DBusClientAsync::DeliverQueued(std::unique_lock<std::mutex>& poolLock) {

@@ -165,8 +165,10 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   int ExecuteCommand(const CommandData* given);  // null: the oldest accepted command
   // Runs the command's function and ends it as run (a throw passes on).
   bool RunFunction(const CommandData& command, bool wasHeld);  // poolMutex_ held
-  // Ends `command`: counts it and queues its observer's call.
-  void Finish(const CommandData& command, CommandEnd end);  // poolMutex_ held
+  // Ends `command`: counts it and queues its observer's call (at position
+  // `deliveryAt` among the deliveries not yet run, by default last).
+  void Finish(const CommandData& command, CommandEnd end,
+              std::size_t deliveryAt = static_cast<std::size_t>(-1));  // poolMutex_ held
   void DiscardPool();                                      // poolMutex_ held
   // Runs what was queued under poolMutex_, releasing it first.
   void DeliverQueued(std::unique_lock<std::mutex>& poolLock);

@@ -64,6 +64,10 @@ void OrderedDeliveries::Batch::Run(const std::function<void()>& failed) {
 
 void OrderedDeliveries::Add(Action action) { pending_.push_back(std::move(action)); }
 
+void OrderedDeliveries::Insert(std::size_t at, Action action) {
+  pending_.insert(pending_.begin() + static_cast<std::ptrdiff_t>(at), std::move(action));
+}
+
 OrderedDeliveries::Batch OrderedDeliveries::Close() {
   Batch batch;
   if (pending_.empty()) return batch;

@@ -49,7 +49,9 @@ class OrderedDeliveries {
     std::vector<Action> actions_;
   };
 
-  void Add(Action action);      // caller's lock held
+  void Add(Action action);                         // caller's lock held
+  void Insert(std::size_t at, Action action);      // caller's lock held: before the `at`th pending one
+  std::size_t Pending() const { return pending_.size(); }  // caller's lock held
   Batch Close();                // caller's lock held: the pending actions with their turn
 
  private:
