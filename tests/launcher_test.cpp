@@ -51,19 +51,18 @@ class Outcomes {
  public:
   void Attach(Launcher& launcher) {
     launcher.SetOnCommandOutcome([this](const CommandOutcome& outcome) {
-      std::function<void(const CommandOutcome&)> also;
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        Entry& entry = entries_[outcome.id];
-        EXPECT_FALSE(entry.final) << "command " << outcome.id << " told after it ended";
-        (outcome.final ? entry.final : entry.held) = std::make_unique<CommandOutcome>(outcome);
-        entry.thread = std::this_thread::get_id();
-        also = also_;
-      }
+      std::unique_lock<std::mutex> lock(mutex_);
+      const auto also = also_;
+      lock.unlock();
       if (also) also(outcome);
+      lock.lock();
+      Entry& entry = entries_[outcome.id];
+      EXPECT_FALSE(entry.final) << "command " << outcome.id << " told after it ended";
+      (outcome.final ? entry.final : entry.held) = std::make_unique<CommandOutcome>(outcome);
+      entry.thread = std::this_thread::get_id();
     });
   }
-  // Also runs `also` on each outcome, in the callback, after recording it.
+  // Also runs `also` on each outcome, in the callback, before recording it.
   void OnEach(std::function<void(const CommandOutcome&)> also) {
     std::lock_guard<std::mutex> lock(mutex_);
     also_ = std::move(also);

@@ -10,7 +10,15 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <pthread.h>
+
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -55,23 +63,8 @@ bool JournalListens() {
   return connected;
 }
 
-}  // namespace
-
-bool JournalReachable() {
-  const std::int64_t now = CoarseNowNs();
-  std::int64_t until = verdictUntilNs.load(std::memory_order_relaxed);
-  if (now < until) return listening.load(std::memory_order_relaxed);
-  // One thread looks; the others keep the previous verdict meanwhile.
-  if (!verdictUntilNs.compare_exchange_strong(until, now + kProbeIntervalNs, std::memory_order_relaxed)) {
-    return listening.load(std::memory_order_relaxed);
-  }
-  const bool found = JournalListens();
-  listening.store(found, std::memory_order_relaxed);
-  return found;
-}
-
-void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site,
-                 const char* message, std::size_t length) {
+void SendNow(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site, const char* message,
+             std::size_t length) {
   static const char* const kPriorities[] = {"PRIORITY=6", "PRIORITY=4", "PRIORITY=3"};  // by LogPriority
   iovec fields[7];
   int count = 0;
@@ -115,6 +108,117 @@ void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const 
 
   // Refused: journald may have gone away; the next line looks again.
   if (sd_journal_sendv(fields, count) < 0) verdictUntilNs.store(0, std::memory_order_relaxed);
+}
+
+
+// Lines reach the journal from a writer thread of the library's own: an
+// application thread pays for formatting and queueing a line, not for the
+// datagram, a system call that also wakes journald (several microseconds, a
+// dozen times per command). One writer, first in first out, keeps the order.
+// Nothing is dropped on the way: a full queue makes the logging thread wait
+// for room, an error line is sent before the call that logs it returns
+// (with every line queued before it), and the queue is drained at exit.
+// Lines still queued when the process crashes are the price.
+class Writer {
+ public:
+  static Writer& Get() {
+    static Writer* const writer = new Writer;  // never destroyed: lines are logged until the very end
+    return *writer;
+  }
+
+  void Send(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site, const char* message,
+            std::size_t length) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!started_) Start();
+    room_.wait(lock, [this] { return queue_.size() < kCapacity; });
+    queue_.push_back(Entry{buffer, priority, tag, site, std::string(message, length)});
+    const std::uint64_t mine = ++queued_;
+    if (queue_.size() == 1) wake_.notify_one();
+    if (priority == LogPriority::kError) sent_.wait(lock, [&] { return done_ >= mine; });
+  }
+
+ private:
+  struct Entry {
+    LogBuffer buffer;
+    LogPriority priority;
+    std::string tag;  // a caller's tag need not outlive the call
+    CodeSite site;    // static text: the macros' file and function names
+    std::string message;
+  };
+  static constexpr std::size_t kCapacity = 8192;
+
+  Writer() {
+    // The child of a fork has no writer thread and must not send its
+    // parent's lines: the lock is held across fork, then reset in the child.
+    pthread_atfork([] { Get().mutex_.lock(); }, [] { Get().mutex_.unlock(); },
+                   [] {
+                     Writer& self = Get();
+                     self.queue_.clear();
+                     self.done_ = self.queued_;
+                     self.started_ = false;
+                     self.mutex_.unlock();
+                   });
+    std::atexit([] { Get().Drain(); });
+  }
+
+  void Start() {  // mutex_ held
+    started_ = true;
+    std::thread([this] { Run(); }).detach();
+  }
+
+  void Run() {
+    std::deque<Entry> batch;
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [this] { return !queue_.empty(); });
+      batch.swap(queue_);
+      const std::uint64_t last = queued_;
+      room_.notify_all();
+      lock.unlock();
+      for (const Entry& entry : batch) {
+        SendNow(entry.buffer, entry.priority, entry.tag.c_str(), entry.site, entry.message.data(),
+                entry.message.size());
+      }
+      batch.clear();
+      lock.lock();
+      done_ = last;
+      sent_.notify_all();
+    }
+  }
+
+  void Drain() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!started_) return;
+    const std::uint64_t all = queued_;
+    sent_.wait_for(lock, std::chrono::seconds(1), [&] { return done_ >= all; });
+  }
+
+  std::mutex mutex_;  // a leaf: nothing is called under it that logs or locks
+  std::condition_variable wake_, room_, sent_;
+  std::deque<Entry> queue_;    // guarded by mutex_
+  std::uint64_t queued_ = 0;   // lines ever queued; guarded by mutex_
+  std::uint64_t done_ = 0;     // of those, sent (or dropped by a fork); guarded by mutex_
+  bool started_ = false;       // guarded by mutex_
+};
+
+}  // namespace
+
+bool JournalReachable() {
+  const std::int64_t now = CoarseNowNs();
+  std::int64_t until = verdictUntilNs.load(std::memory_order_relaxed);
+  if (now < until) return listening.load(std::memory_order_relaxed);
+  // One thread looks; the others keep the previous verdict meanwhile.
+  if (!verdictUntilNs.compare_exchange_strong(until, now + kProbeIntervalNs, std::memory_order_relaxed)) {
+    return listening.load(std::memory_order_relaxed);
+  }
+  const bool found = JournalListens();
+  listening.store(found, std::memory_order_relaxed);
+  return found;
+}
+
+void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site,
+                 const char* message, std::size_t length) {
+  Writer::Get().Send(buffer, priority, tag, site, message, length);
 }
 
 }  // namespace detail
