@@ -14,7 +14,7 @@
 #include <platform/Journal.h>
 
 #include "Timing.h"
-#include "support/PrivateJournal.h"
+#include "harness/PrivateJournal.h"
 
 namespace zv_bench {
 

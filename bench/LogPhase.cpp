@@ -14,7 +14,7 @@
 #include <platform/SystemLog.h>
 
 #include "Phases.h"
-#include "support/PrivateJournal.h"
+#include "harness/PrivateJournal.h"
 
 namespace zv_bench {
 namespace {

@@ -7,7 +7,7 @@
 #include <zorvel/LauncherTesting.h>
 
 #include "Report.h"
-#include "support/Processes.h"
+#include "harness/Processes.h"
 
 namespace zv_bench {
 

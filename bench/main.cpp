@@ -29,8 +29,8 @@
 #include "Options.h"
 #include "Phases.h"
 #include "Report.h"
-#include "support/PrivateJournal.h"
-#include "support/Processes.h"
+#include "harness/PrivateJournal.h"
+#include "harness/Processes.h"
 
 int main(int argc, char** argv) {
   using namespace zv_bench;

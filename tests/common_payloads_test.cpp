@@ -28,7 +28,7 @@
 #include <platform/SystemLog.h>
 
 #include "support/LogCapture.h"
-#include "support/PrivateJournal.h"
+#include "harness/PrivateJournal.h"
 #include "support/Wait.h"
 
 namespace {

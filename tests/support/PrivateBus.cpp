@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/Processes.h"
+#include "harness/Processes.h"
 
 #if defined(__SANITIZE_THREAD__)
 extern "C" void __tsan_acquire(void* address);

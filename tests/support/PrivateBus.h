@@ -12,7 +12,7 @@
 
 #include <common/GLibPtr.h>
 
-#include "support/Processes.h"  // SpawnChild and the other start-up helpers
+#include "harness/Processes.h"  // SpawnChild and the other start-up helpers
 
 namespace zv_client {
 namespace testing {

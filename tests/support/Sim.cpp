@@ -7,7 +7,7 @@
 #include <dbus/client/ServiceContract.h>
 
 #include "support/PrivateBus.h"
-#include "support/Processes.h"
+#include "harness/Processes.h"
 #include "support/Wait.h"
 
 namespace zv_client {

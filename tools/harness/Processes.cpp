@@ -1,4 +1,4 @@
-#include "support/Processes.h"
+#include "harness/Processes.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-// A journal of the test's own where libsystemd sends entries, whatever the
+// A journal of our own where libsystemd sends entries, whatever the
 // machine runs: for a child process, since it takes namespaces.
 
 #include <sched.h>
