@@ -68,9 +68,9 @@ class Bench {
   Probe floorProbe;
   Floor floor;
   Library library;
-  std::string lastLibMethod;  // the method the command layer ran last ("" when unknown)
-  bool libConnected = false;  // a Connect since the last StartBroadcast: the Launcher refuses another
-  double liveLogLine = -1;    // us per line with a journal listening, measured at start-up; -1: not measured
+  std::string lastLibMethod;      // the method the command layer ran last ("" when unknown)
+  bool libConnected = false;      // a Connect since the last StartBroadcast: the Launcher refuses another
+  double liveLogLine = -1;        // us per line with a journal listening, measured at start-up; -1: not measured
   std::string noJournalOfOurOwn;  // why calls and signals cannot be measured with a journal listening
 
  private:

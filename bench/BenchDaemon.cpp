@@ -111,10 +111,9 @@ GDBusConnection* Open(const std::string& address, GError** error) {
 bool RequestName(GDBusConnection* connection, const char* name, GError** error) {
   constexpr guint32 kDoNotQueue = 4;
   constexpr guint32 kPrimaryOwner = 1;
-  GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                "org.freedesktop.DBus", "RequestName",
-                                                g_variant_new("(su)", name, kDoNotQueue), G_VARIANT_TYPE("(u)"),
-                                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error));
+  GVariantPtr reply(g_dbus_connection_call_sync(
+      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+      g_variant_new("(su)", name, kDoNotQueue), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error));
   if (!reply) return false;
   guint32 result = 0;
   g_variant_get(reply.get(), "(u)", &result);
@@ -128,9 +127,8 @@ void Emit(GDBusConnection* connection, const char* destination, const std::strin
                                 contract::kInterfaceName.c_str(), member.c_str(), body, nullptr);
 }
 
-void OnServiceCall(GDBusConnection* connection, const gchar* sender, const gchar* /*path*/,
-                   const gchar* /*interface*/, const gchar* method, GVariant* parameters,
-                   GDBusMethodInvocation* invocation, gpointer data) {
+void OnServiceCall(GDBusConnection* connection, const gchar* sender, const gchar* /*path*/, const gchar* /*interface*/,
+                   const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data) {
   const std::uint64_t arrived = NowNs();
   auto& daemon = *static_cast<Daemon*>(data);
   if (contract::kMethodConnect == method) {
@@ -152,9 +150,9 @@ bool AcquireName(Daemon& daemon, GError** error) {
   GObjectPtr<GDBusConnection> connection(Open(daemon.address, error));
   if (!connection) return false;
   static const GDBusInterfaceVTable vtable = {&OnServiceCall, nullptr, nullptr, {}};
-  const guint object = g_dbus_connection_register_object(connection.get(), contract::kObjectPath.c_str(),
-                                                         daemon.serviceNode->interfaces[0], &vtable, &daemon,
-                                                         nullptr, error);
+  const guint object =
+      g_dbus_connection_register_object(connection.get(), contract::kObjectPath.c_str(),
+                                        daemon.serviceNode->interfaces[0], &vtable, &daemon, nullptr, error);
   if (object == 0 || !RequestName(connection.get(), contract::kBusName.c_str(), error)) {
     g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
     return false;
@@ -250,9 +248,10 @@ int main(int argc, char** argv) {
         profiles = static_cast<guint32>(std::strtoul(optarg, nullptr, 10));
         break;
       default:
-        std::printf("usage: %s [--address BUS] [--profiles N]\n"
-                    "Lean zorvel daemon for the benchmarks; the bus defaults to DBUS_SYSTEM_BUS_ADDRESS.\n",
-                    argv[0]);
+        std::printf(
+            "usage: %s [--address BUS] [--profiles N]\n"
+            "Lean zorvel daemon for the benchmarks; the bus defaults to DBUS_SYSTEM_BUS_ADDRESS.\n",
+            argv[0]);
         return opt == 'h' ? 0 : 2;
     }
   }

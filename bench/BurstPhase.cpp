@@ -97,8 +97,7 @@ void BurstPhase(Bench& bench) {
     Ns end = 0;
     for (;;) {
       const auto counts = bench.library.client().GetCounts();
-      if (counts.inFlight == 0 &&
-          counts.accepted - before.accepted == static_cast<std::uint64_t>(options.burstSize)) {
+      if (counts.inFlight == 0 && counts.accepted - before.accepted == static_cast<std::uint64_t>(options.burstSize)) {
         end = NowNs();
         break;
       }
@@ -142,9 +141,10 @@ void BurstPhase(Bench& bench) {
   const double runs = static_cast<double>(options.burstRuns);
   report.Line("  %-34s %9.1f %9s   %9.1f %9s   %6.2f         (ms, median of %d)", "burst of commands", lib.median, "",
               floor.median, "", Ratio(lib.median, floor.median), options.burstRuns);
-  report.Line("    ran %.0f, dropped as repeats %.0f (mean per burst of %d); peak threads %ld (base %ld); "
-              "peak RSS growth %ld kB",
-              ranTotal / runs, droppedTotal / runs, options.burstSize, peakThreads, baseThreads, peakRssGrowth);
+  report.Line(
+      "    ran %.0f, dropped as repeats %.0f (mean per burst of %d); peak threads %ld (base %ld); "
+      "peak RSS growth %ld kB",
+      ranTotal / runs, droppedTotal / runs, options.burstSize, peakThreads, baseThreads, peakRssGrowth);
   const Stats accept = Summarise(burstAccept);
   report.Line("    caller blocked per command during the burst: median %.1f us, p99 %.1f us", accept.median,
               accept.p99);

@@ -35,7 +35,7 @@ double LibCallSample(Bench& bench, const std::string& method, std::vector<double
   const Ns start = NowNs();
   accept.push_back(Us(bench.library.Issue(method, id)));
   const bool ok = method == contract::kMethodConnect ? bench.libProbe.WaitAvailable(available, event)
-                                                      : bench.libProbe.WaitFound(found, event);
+                                                     : bench.libProbe.WaitFound(found, event);
   if (!ok) Fatal("library: no echo for " + method);
   bench.libConnected = method == contract::kMethodConnect;
   bench.lastLibMethod = method;
@@ -66,7 +66,7 @@ double FloorCallSample(Bench& bench, const std::string& method, std::vector<doub
     done = true;
   }
   const bool ok = method == contract::kMethodConnect ? bench.floorProbe.WaitAvailable(available, event)
-                                                      : bench.floorProbe.WaitFound(found, event);
+                                                     : bench.floorProbe.WaitFound(found, event);
   if (!ok) Fatal("floor: no echo for " + method);
   // The thread's tail is not the next sample's cost.
   while (!done) std::this_thread::sleep_for(std::chrono::microseconds(20));
@@ -110,8 +110,7 @@ void CallPhase(Bench& bench, Journal journal) {
   bench.Rounds(bench.options.callSamples, arms, [&](Arm arm, int round) {
     const std::string& method = round % 2 == 0 ? contract::kMethodConnect : contract::kMethodStartBroadcast;
     if (arm == Bench::kArmFloor || arm == Bench::kArmThreadFloor) {
-      samples[arm].push_back(
-          FloorCallSample(bench, method, outbound[arm], arm == Bench::kArmThreadFloor, accept[arm]));
+      samples[arm].push_back(FloorCallSample(bench, method, outbound[arm], arm == Bench::kArmThreadFloor, accept[arm]));
     } else {
       samples[arm].push_back(LibCallSample(bench, method, accept[arm], outbound[arm]));
     }

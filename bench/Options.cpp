@@ -47,41 +47,76 @@ bool Options::Has(const char* phase) const { return std::find(phases.begin(), ph
 
 int ParseOptions(int argc, char** argv, Options& options) {
   enum {
-    kOut = 1000, kPhases, kSamples, kProfileRuns, kProfiles, kBurstRuns, kBurstSize, kRecovery, kNoSilent,
-    kNoJournal, kQuick, kTrace, kTimeline, kDaemon, kDbusDaemon, kBusConfig, kPlot, kHelp
+    kOut = 1000,
+    kPhases,
+    kSamples,
+    kProfileRuns,
+    kProfiles,
+    kBurstRuns,
+    kBurstSize,
+    kRecovery,
+    kNoSilent,
+    kNoJournal,
+    kQuick,
+    kTrace,
+    kTimeline,
+    kDaemon,
+    kDbusDaemon,
+    kBusConfig,
+    kPlot,
+    kHelp
   };
-  static const option kOptions[] = {
-      {"out", required_argument, nullptr, kOut},
-      {"phases", required_argument, nullptr, kPhases},
-      {"samples", required_argument, nullptr, kSamples},
-      {"profile-runs", required_argument, nullptr, kProfileRuns},
-      {"profiles", required_argument, nullptr, kProfiles},
-      {"burst-runs", required_argument, nullptr, kBurstRuns},
-      {"burst-size", required_argument, nullptr, kBurstSize},
-      {"recovery-rounds", required_argument, nullptr, kRecovery},
-      {"no-silent-pass", no_argument, nullptr, kNoSilent},
-      {"no-journal-pass", no_argument, nullptr, kNoJournal},
-      {"quick", no_argument, nullptr, kQuick},
-      {"trace", no_argument, nullptr, kTrace},
-      {"timeline", no_argument, nullptr, kTimeline},
-      {"daemon", required_argument, nullptr, kDaemon},
-      {"dbus-daemon", required_argument, nullptr, kDbusDaemon},
-      {"bus-config", required_argument, nullptr, kBusConfig},
-      {"plot-script", required_argument, nullptr, kPlot},
-      {"help", no_argument, nullptr, kHelp},
-      {nullptr, 0, nullptr, 0}};
+  static const option kOptions[] = {{"out", required_argument, nullptr, kOut},
+                                    {"phases", required_argument, nullptr, kPhases},
+                                    {"samples", required_argument, nullptr, kSamples},
+                                    {"profile-runs", required_argument, nullptr, kProfileRuns},
+                                    {"profiles", required_argument, nullptr, kProfiles},
+                                    {"burst-runs", required_argument, nullptr, kBurstRuns},
+                                    {"burst-size", required_argument, nullptr, kBurstSize},
+                                    {"recovery-rounds", required_argument, nullptr, kRecovery},
+                                    {"no-silent-pass", no_argument, nullptr, kNoSilent},
+                                    {"no-journal-pass", no_argument, nullptr, kNoJournal},
+                                    {"quick", no_argument, nullptr, kQuick},
+                                    {"trace", no_argument, nullptr, kTrace},
+                                    {"timeline", no_argument, nullptr, kTimeline},
+                                    {"daemon", required_argument, nullptr, kDaemon},
+                                    {"dbus-daemon", required_argument, nullptr, kDbusDaemon},
+                                    {"bus-config", required_argument, nullptr, kBusConfig},
+                                    {"plot-script", required_argument, nullptr, kPlot},
+                                    {"help", no_argument, nullptr, kHelp},
+                                    {nullptr, 0, nullptr, 0}};
   for (int opt; (opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
     switch (opt) {
-      case kOut: options.outDir = optarg; break;
-      case kPhases: options.phases = Split(optarg); break;
-      case kSamples: options.callSamples = options.signalSamples = std::atoi(optarg); break;
-      case kProfileRuns: options.profileRuns = std::atoi(optarg); break;
-      case kProfiles: options.profileCount = std::atoi(optarg); break;
-      case kBurstRuns: options.burstRuns = std::atoi(optarg); break;
-      case kBurstSize: options.burstSize = std::atoi(optarg); break;
-      case kRecovery: options.recoveryRounds = std::atoi(optarg); break;
-      case kNoSilent: options.silentPass = false; break;
-      case kNoJournal: options.journalPass = false; break;
+      case kOut:
+        options.outDir = optarg;
+        break;
+      case kPhases:
+        options.phases = Split(optarg);
+        break;
+      case kSamples:
+        options.callSamples = options.signalSamples = std::atoi(optarg);
+        break;
+      case kProfileRuns:
+        options.profileRuns = std::atoi(optarg);
+        break;
+      case kProfiles:
+        options.profileCount = std::atoi(optarg);
+        break;
+      case kBurstRuns:
+        options.burstRuns = std::atoi(optarg);
+        break;
+      case kBurstSize:
+        options.burstSize = std::atoi(optarg);
+        break;
+      case kRecovery:
+        options.recoveryRounds = std::atoi(optarg);
+        break;
+      case kNoSilent:
+        options.silentPass = false;
+        break;
+      case kNoJournal:
+        options.journalPass = false;
+        break;
       case kQuick:
         options.callSamples = options.signalSamples = 200;
         options.profileRuns = 3;
@@ -89,14 +124,30 @@ int ParseOptions(int argc, char** argv, Options& options) {
         options.recoveryRounds = 2;
         options.logLines = 2000;
         break;
-      case kTrace: options.trace = true; break;
-      case kTimeline: options.timeline = true; break;
-      case kDaemon: options.benchDaemon = optarg; break;
-      case kDbusDaemon: options.dbusDaemon = optarg; break;
-      case kBusConfig: options.busConfig = optarg; break;
-      case kPlot: options.plotScript = optarg; break;
-      case kHelp: Usage(argv[0]); return 0;
-      default: Usage(argv[0]); return 2;
+      case kTrace:
+        options.trace = true;
+        break;
+      case kTimeline:
+        options.timeline = true;
+        break;
+      case kDaemon:
+        options.benchDaemon = optarg;
+        break;
+      case kDbusDaemon:
+        options.dbusDaemon = optarg;
+        break;
+      case kBusConfig:
+        options.busConfig = optarg;
+        break;
+      case kPlot:
+        options.plotScript = optarg;
+        break;
+      case kHelp:
+        Usage(argv[0]);
+        return 0;
+      default:
+        Usage(argv[0]);
+        return 2;
     }
   }
   if (optind < argc || options.callSamples < 2 || options.profileRuns < 1 || options.burstRuns < 1 ||

@@ -13,18 +13,18 @@ struct Options {
   std::string busConfig;                 // empty: data/private-bus.conf
   std::string benchDaemon = ZORVEL_BENCH_DAEMON;
   std::string plotScript = ZORVEL_BENCH_PLOT_SCRIPT;
-  int callSamples = 2000;     // per arm
-  int signalSamples = 2000;   // per arm
-  int profileRuns = 25;       // per arm
-  int profileCount = 1000;    // asked for; capped at kMaxProfilesOnTheBus
+  int callSamples = 2000;    // per arm
+  int signalSamples = 2000;  // per arm
+  int profileRuns = 25;      // per arm
+  int profileCount = 1000;   // asked for; capped at kMaxProfilesOnTheBus
   int burstRuns = 3;
   int burstSize = 1000;
   int recoveryRounds = 12;
   int logLines = 20000;
-  bool silentPass = true;     // an arm with the library's log silenced
-  bool journalPass = true;    // calls and signals again with a journal listening
-  bool trace = false;         // the library's lines to stderr instead of the system log
-  bool timeline = false;      // the library's lines, timed, to <out>/timeline.txt instead
+  bool silentPass = true;   // an arm with the library's log silenced
+  bool journalPass = true;  // calls and signals again with a journal listening
+  bool trace = false;       // the library's lines to stderr instead of the system log
+  bool timeline = false;    // the library's lines, timed, to <out>/timeline.txt instead
   std::vector<std::string> phases{"call", "signal", "profiles", "burst", "recovery", "log"};
 
   bool Has(const char* phase) const;

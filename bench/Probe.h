@@ -115,7 +115,7 @@ class Probe {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::uint64_t found_ = 0;      // guarded by mutex_, like every field below
+  std::uint64_t found_ = 0;  // guarded by mutex_, like every field below
   std::uint64_t available_ = 0;
   Event lastFound_;
   Event lastAvailable_;

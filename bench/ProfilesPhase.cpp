@@ -77,9 +77,10 @@ void ProfilesPhase(Bench& bench) {
   Report& report = bench.report;
   Options& options = bench.options;
   if (options.profileCount > kMaxProfilesOnTheBus) {
-    report.Line("  (%d profiles asked for; the profile list payload carries at most %d over a bus: "
-                "D-Bus signatures are limited to 255 characters)",
-                options.profileCount, kMaxProfilesOnTheBus);
+    report.Line(
+        "  (%d profiles asked for; the profile list payload carries at most %d over a bus: "
+        "D-Bus signatures are limited to 255 characters)",
+        options.profileCount, kMaxProfilesOnTheBus);
     options.profileCount = kMaxProfilesOnTheBus;
   }
   bench.control.SetProfiles(static_cast<guint32>(options.profileCount));

@@ -27,15 +27,15 @@ void RecoveryPhase(Bench& bench) {
     std::vector<Ns> at;  // guarded by mutex
   };
   auto attempts = std::make_shared<Attempts>();
-  platform::SetLogSink([attempts](platform::LogBuffer buffer, platform::LogPriority priority, const char* tag,
-                                  const char* text) {
-    if (std::strstr(text, "Try to connect to DBus server") != nullptr) {
-      const Ns now = NowNs();
-      std::lock_guard<std::mutex> lock(attempts->mutex);
-      attempts->at.push_back(now);
-    }
-    ForwardLine(buffer, priority, tag, text);
-  });
+  platform::SetLogSink(
+      [attempts](platform::LogBuffer buffer, platform::LogPriority priority, const char* tag, const char* text) {
+        if (std::strstr(text, "Try to connect to DBus server") != nullptr) {
+          const Ns now = NowNs();
+          std::lock_guard<std::mutex> lock(attempts->mutex);
+          attempts->at.push_back(now);
+        }
+        ForwardLine(buffer, priority, tag, text);
+      });
 
   std::mt19937 random(12345);
   std::uniform_real_distribution<double> phase(0.0, 500.0);

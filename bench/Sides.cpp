@@ -122,8 +122,8 @@ std::size_t Floor::ReadProfileList() {
 }
 
 void Floor::CallAsync(const std::string& method, int argument, std::atomic<int>& answered) {
-  g_dbus_proxy_call(proxy_.get(), method.c_str(), g_variant_new("(i)", argument), G_DBUS_CALL_FLAGS_NONE, -1,
-                    nullptr, &Floor::OnAnswer, &answered);
+  g_dbus_proxy_call(proxy_.get(), method.c_str(), g_variant_new("(i)", argument), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
+                    &Floor::OnAnswer, &answered);
 }
 
 // The base64 text of the "(s)" child `index` of `list`, decoded.

@@ -18,7 +18,8 @@ double SignalSample(Bench& bench, bool library) {
   Probe::Event event;
   const std::uint64_t found = probe.FoundCount();
   bench.control.Emit(destination);
-  if (!probe.WaitFound(found, event)) Fatal(std::string(library ? "library" : "plain GDBus") + ": signal not delivered");
+  if (!probe.WaitFound(found, event))
+    Fatal(std::string(library ? "library" : "plain GDBus") + ": signal not delivered");
   return Us(event.at - ParseNs(event.name));
 }
 
@@ -32,9 +33,8 @@ void SignalPhase(Bench& bench, Journal journal) {
   std::vector<Arm> arms{Bench::kArmLib, Bench::kArmFloor};
   if (!listening) arms = bench.WithSilent(arms);
   std::vector<double> samples[Bench::kArmCount];
-  bench.Rounds(bench.options.signalSamples, arms, [&](Arm arm, int) {
-    samples[arm].push_back(SignalSample(bench, arm != Bench::kArmFloor));
-  });
+  bench.Rounds(bench.options.signalSamples, arms,
+               [&](Arm arm, int) { samples[arm].push_back(SignalSample(bench, arm != Bench::kArmFloor)); });
 
   const Stats lib = Summarise(samples[Bench::kArmLib]), floor = Summarise(samples[Bench::kArmFloor]);
   if (listening) {

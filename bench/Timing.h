@@ -23,9 +23,7 @@ inline Ns NowNs() {
 
 inline double Us(Ns ns) { return static_cast<double>(ns) / 1e3; }
 
-inline void SleepMs(double ms) {
-  std::this_thread::sleep_for(std::chrono::microseconds(static_cast<long>(ms * 1000)));
-}
+inline void SleepMs(double ms) { std::this_thread::sleep_for(std::chrono::microseconds(static_cast<long>(ms * 1000))); }
 
 // A timestamp the daemon sent as decimal text.
 inline Ns ParseNs(const std::string& text) { return std::strtoull(text.c_str(), nullptr, 10); }

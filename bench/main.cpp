@@ -60,8 +60,7 @@ int main(int argc, char** argv) {
 
   // The private bus, before anything in this process looks at the system bus.
   // The helpers' complaints (the bus cannot raise its fd limit, say) go to a file.
-  const int errFd =
-      open((options.outDir + "/processes.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int errFd = open((options.outDir + "/processes.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   support::BusDaemon bus;
   pid_t daemon = -1;
   zv_client::common::GObjectPtr<GDBusConnection> control;

@@ -47,22 +47,28 @@ struct Reports {
 
 const char* StatusText(CommandStatus status) {
   switch (status) {
-    case CommandStatus::kAnswered: return "answered";
-    case CommandStatus::kFailed: return "failed";
-    case CommandStatus::kTimedOut: return "timed out";
-    case CommandStatus::kDroppedAsRepeat: return "dropped as a repeat";
-    case CommandStatus::kHeld: return "held";
-    case CommandStatus::kDiscarded: return "discarded";
-    case CommandStatus::kNotStarted: return "not started";
+    case CommandStatus::kAnswered:
+      return "answered";
+    case CommandStatus::kFailed:
+      return "failed";
+    case CommandStatus::kTimedOut:
+      return "timed out";
+    case CommandStatus::kDroppedAsRepeat:
+      return "dropped as a repeat";
+    case CommandStatus::kHeld:
+      return "held";
+    case CommandStatus::kDiscarded:
+      return "discarded";
+    case CommandStatus::kNotStarted:
+      return "not started";
   }
   return "?";
 }
 
 int Run(Reports& reports, int connectId, int deleteId) {
   zv_client::zorvel::Launcher launcher;
-  launcher.SetOnInstanceFoundCallback([](int id, const std::string& name) {
-    std::printf("  stored profile id %-5d %s\n", id, name.c_str());
-  });
+  launcher.SetOnInstanceFoundCallback(
+      [](int id, const std::string& name) { std::printf("  stored profile id %-5d %s\n", id, name.c_str()); });
   launcher.SetOnConnectionAvailable([&reports, connectId](int id, bool available) {
     std::lock_guard<std::mutex> lock(reports.mutex);
     std::printf("  connection id %-5d %s\n", id, available ? "available" : "not available");
@@ -115,8 +121,8 @@ int Run(Reports& reports, int connectId, int deleteId) {
   }
   const CommandOutcome& deletion = reports.ended[remove];
   const auto& profiles = reports.ended[read].profiles;
-  const bool gone =
-      std::none_of(profiles.begin(), profiles.end(), [deleteId](const auto& profile) { return profile.id == deleteId; });
+  const bool gone = std::none_of(profiles.begin(), profiles.end(),
+                                 [deleteId](const auto& profile) { return profile.id == deleteId; });
   const bool deleted = deletion.status == CommandStatus::kAnswered && deletion.answer == 0;
   std::printf("done: connected to %d; deleteStoredProfile(%d) answered %d; %zu stored profile(s), %d %s\n", connectId,
               deleteId, deletion.answer, profiles.size(), deleteId, gone ? "no longer among them" : "still among them");

@@ -83,12 +83,18 @@ std::string Describe(const CommandOutcome& outcome) {
         text += (i == 0 ? ": " : ", ") + std::to_string(outcome.profiles[i].id) + " " + outcome.profiles[i].name;
       }
       return text;
-    case CommandStatus::kFailed: return text + "failed, " + outcome.errorName + ": " + outcome.errorMessage;
-    case CommandStatus::kTimedOut: return text + "timed out";
-    case CommandStatus::kDroppedAsRepeat: return text + "dropped as a repeat";
-    case CommandStatus::kHeld: return text + "held until the daemon is ready";
-    case CommandStatus::kDiscarded: return text + "discarded";
-    case CommandStatus::kNotStarted: return text + "not started, " + outcome.errorName;
+    case CommandStatus::kFailed:
+      return text + "failed, " + outcome.errorName + ": " + outcome.errorMessage;
+    case CommandStatus::kTimedOut:
+      return text + "timed out";
+    case CommandStatus::kDroppedAsRepeat:
+      return text + "dropped as a repeat";
+    case CommandStatus::kHeld:
+      return text + "held until the daemon is ready";
+    case CommandStatus::kDiscarded:
+      return text + "discarded";
+    case CommandStatus::kNotStarted:
+      return text + "not started, " + outcome.errorName;
   }
   return text;
 }
@@ -127,7 +133,8 @@ int Run(Reports& reports) {
     reports.available = available;
     reports.changed.notify_all();
   });
-  launcher.SetOnCancelConnectionCallback([](int status) { std::printf("  connection cancelled, status %d\n", status); });
+  launcher.SetOnCancelConnectionCallback(
+      [](int status) { std::printf("  connection cancelled, status %d\n", status); });
   // Each command ends here exactly once (a held one is reported first as
   // held, then again when it ends), possibly before the call that issued it
   // has returned.

@@ -30,7 +30,7 @@ using namespace std::chrono_literals;
 
 const std::string kReadyLine = "\"IpcReady [1] command pool size [";
 const Found kStored{{7, "Stored"}, {8, "Other"}};
-const Strings kMethods{"init", "deinit", "connect", "startBroadcast", "stopBroadcast", "deleteStoredProfile",
+const Strings kMethods{"init",        "deinit", "connect", "startBroadcast", "stopBroadcast", "deleteStoredProfile",
                        "readProfiles"};
 
 GVariant* ParamsFor(const std::string& method, Probes& probes) {
@@ -165,9 +165,10 @@ TEST_F(TheCommandLayer, RestoresALostLinkByItselfAndReplaysHeldCommandsInAccepta
   sim().Kill();
   ASSERT_TRUE(WaitUntil([&] { return attempts.reconnectWaits(); })) << logs().Dump();
   EXPECT_FALSE(client->IsConnected());
-  const std::vector<std::pair<std::string, GVariant*>> held{
-      {"readProfiles", nullptr}, {"init", nullptr}, {"connect", common::IntegerToVariant(5)},
-      {"deleteStoredProfile", common::IntegerToVariant(7)}};
+  const std::vector<std::pair<std::string, GVariant*>> held{{"readProfiles", nullptr},
+                                                            {"init", nullptr},
+                                                            {"connect", common::IntegerToVariant(5)},
+                                                            {"deleteStoredProfile", common::IntegerToVariant(7)}};
   for (std::size_t i = 0; i < held.size(); ++i) {
     ASSERT_TRUE(client->Submit(held[i].first, held[i].second, -1, ends[i].Observer()));
   }
@@ -416,8 +417,8 @@ TEST_F(CommandLayerSoak, EndsEveryCommandOnceUnderRandomCommandsRestartsAndSigna
   const auto settle = [&](bool run) {
     WaitUntil([&] {
       const auto c = raw->GetCounts();
-      return Clock::now() >= end || (run ? c.ranAtOnce + c.replayed >= seen.ranAtOnce + seen.replayed + 30
-                                         : c.accepted >= seen.accepted + 10);
+      return Clock::now() >= end ||
+             (run ? c.ranAtOnce + c.replayed >= seen.ranAtOnce + seen.replayed + 30 : c.accepted >= seen.accepted + 10);
     });
     seen = raw->GetCounts();
   };
@@ -453,8 +454,8 @@ TEST_F(CommandLayerSoak, EndsEveryCommandOnceUnderRandomCommandsRestartsAndSigna
   EXPECT_GT(raw->GetCounts().ranAtOnce, ranBefore) << "the client never became ready again";
   ASSERT_TRUE(WaitUntil([&] { return raw->GetCounts().inFlight == 0; }));
   const DBusClientAsync::Counts held = raw->GetCounts();
-  EXPECT_EQ(held.accepted, held.ranAtOnce + held.replayed + held.droppedDuplicate + held.discarded + held.failed +
-                               held.held);
+  EXPECT_EQ(held.accepted,
+            held.ranAtOnce + held.replayed + held.droppedDuplicate + held.discarded + held.failed + held.held);
   client.reset();  // discards what is still held
   EXPECT_EQ(ended, issued) << "every command ends, at the latest at teardown";
   EXPECT_EQ(endedTwice, 0u);

@@ -27,8 +27,8 @@
 #include <platform/Log.h>
 #include <platform/SystemLog.h>
 
-#include "support/LogCapture.h"
 #include "harness/PrivateJournal.h"
+#include "support/LogCapture.h"
 #include "support/Wait.h"
 
 namespace {
@@ -57,7 +57,6 @@ class Payloads : public ::testing::Test {
   GLogFunc previous_ = nullptr;
   zv_client::testing::LogCapture log_;  // keeps the profile lines out of the journal
 };
-
 
 GVariantPtr Parse(const char* text) { return SinkVariant(g_variant_new_parsed(text)); }
 std::string TypeOf(GVariant* value) { return g_variant_get_type_string(value); }
@@ -162,7 +161,10 @@ TEST_F(Payloads, ByteArrayPayloadsCarryBase64AndSixteenBitNumbers) {
   EXPECT_EQ(Bytes(common::SerializeIntoGVariant("", 5)), "(ayq) ");
 
   // Numbers are cut to 16 bits on the way in, unsigned on the way out.
-  struct Case { std::string name; int in, status, expectedId, expectedStatus; };
+  struct Case {
+    std::string name;
+    int in, status, expectedId, expectedStatus;
+  };
   for (const Case& c : {Case{"abc", 3, 2, 3, 2}, Case{"abc", 65536, -1, 0, 65535}, Case{"abc", -1, 65537, 65535, 1},
                         Case{kAwkwardBytes[0], 9, 4, 9, 4}, Case{kAwkwardBytes[1], 65536 + 42, 0, 42, 0},
                         Case{kAwkwardBytes[2], 1, 1, 1, 1}, Case{kAwkwardBytes[3], 1, 1, 1, 1}}) {
@@ -196,8 +198,8 @@ TEST_F(Payloads, DecodersRefuseOtherShapesQuietlyAndLeaveTheirOutputsAlone) {
   GVariantPtr emptyAlone = SinkVariant(common::SerializeIntoGVariant(""));
   GVariantPtr emptyName = SinkVariant(common::ProfileWithStatusToVariant({"", 1}, 2));
   GVariantPtr integer = Parse("(7,)");
-  for (GVariant* value : {static_cast<GVariant*>(nullptr), integer.get(), emptyWithNumber.get(), emptyAlone.get(),
-                          emptyName.get()}) {
+  for (GVariant* value :
+       {static_cast<GVariant*>(nullptr), integer.get(), emptyWithNumber.get(), emptyAlone.get(), emptyName.get()}) {
     const std::string shown = value != nullptr ? TypeOf(value) : "null";
     std::string data = "kept";
     int number = -7;
@@ -249,7 +251,7 @@ TEST_F(SystemLog, SinksGetWholeLinesAndMayBeReplacedAnyTimeEvenByThemselves) {
   Log("three");
   EXPECT_EQ(first->Lines(), std::vector<std::string>{Shown("zorvel.common", "[" + longText + "]42")});
   EXPECT_EQ(second->Lines(), std::vector<std::string>{Shown("zorvel.zorvel", "ends in \"quotes\" \n", LogBuffer::kMain,
-                                                             LogPriority::kError)});
+                                                            LogPriority::kError)});
   EXPECT_EQ(first.use_count() + second.use_count(), 2) << "a replaced or removed sink is still alive";
 
   // A sink replacing itself keeps its captures until it returns.
@@ -268,7 +270,10 @@ TEST_F(SystemLog, SinksGetWholeLinesAndMayBeReplacedAnyTimeEvenByThemselves) {
   // Swapped while other threads log, until both sinks have run.
   std::atomic<bool> stop{false};
   std::vector<std::thread> loggers;
-  for (int i = 0; i < 4; ++i) loggers.emplace_back([&] { while (!stop) Log("busy"); });
+  for (int i = 0; i < 4; ++i)
+    loggers.emplace_back([&] {
+      while (!stop) Log("busy");
+    });
   const std::size_t before = first->Lines().size();
   for (int round = 0; round < 2000 || first->Lines().size() == before || second->Lines().size() == 1; ++round) {
     platform::SetLogSink(Recorder::SinkInto(round % 2 ? first : second));
@@ -311,7 +316,8 @@ int CheckJournalContract() {
   int line = 0;
   // Found within the 250 ms the library waits before looking again.
   const bool arrived = zv_client::testing::WaitUntil([&] {
-    line = __LINE__; ZV_LOGI("anybody?");
+    line = __LINE__;
+    ZV_LOGI("anybody?");
     return !(entry = receive(0)).empty();
   });
   expect(entry, {"MESSAGE=common_payloads_test.cpp: operator()(" + std::to_string(line) + ") > anybody?"});
@@ -325,18 +331,25 @@ int CheckJournalContract() {
   };
 
   const std::string site = "common_payloads_test.cpp: CheckJournalContract(";
-  line = __LINE__; ZV_LOGI_MAIN("duplicate command[%s]", "connect");
-  expect(receive(20000), {"MESSAGE=" + site + std::to_string(line) + ") > duplicate command[connect]", "PRIORITY=6",
-                          "SYSLOG_IDENTIFIER=zorvel.test", "ZORVEL_LOG_BUFFER=main", "CODE_FILE=common_payloads_test.cpp",
-                          "CODE_LINE=" + std::to_string(line), "CODE_FUNC=CheckJournalContract"});
-  line = __LINE__; ZV_LOGW("nullptr, return");
+  line = __LINE__;
+  ZV_LOGI_MAIN("duplicate command[%s]", "connect");
+  expect(receive(20000),
+         {"MESSAGE=" + site + std::to_string(line) + ") > duplicate command[connect]", "PRIORITY=6",
+          "SYSLOG_IDENTIFIER=zorvel.test", "ZORVEL_LOG_BUFFER=main", "CODE_FILE=common_payloads_test.cpp",
+          "CODE_LINE=" + std::to_string(line), "CODE_FUNC=CheckJournalContract"});
+  line = __LINE__;
+  ZV_LOGW("nullptr, return");
   expect(receive(20000), {"MESSAGE=" + site + std::to_string(line) + ") > nullptr, return", "PRIORITY=4",
                           "ZORVEL_LOG_BUFFER=system", "CODE_LINE=" + std::to_string(line)});
-  line = __LINE__; ZV_LOGE("failed: %d", -1);
+  line = __LINE__;
+  ZV_LOGE("failed: %d", -1);
   expect(receive(20000), {"MESSAGE=" + site + std::to_string(line) + ") > failed: -1", "PRIORITY=3"});
-  [&] { line = __LINE__; ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", "connect"); }();
-  expect(receive(20000), {"MESSAGE=common_payloads_test.cpp: operator()(" + std::to_string(line) + ") > thd: " +
-                              logt::thread_id() + " \"ExecuteCommand[connect] FINISHED\"",
+  [&] {
+    line = __LINE__;
+    ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", "connect");
+  }();
+  expect(receive(20000), {"MESSAGE=common_payloads_test.cpp: operator()(" + std::to_string(line) +
+                              ") > thd: " + logt::thread_id() + " \"ExecuteCommand[connect] FINISHED\"",
                           "CODE_FUNC=operator()", "PRIORITY=6"});
   // The exported entry knows no site: the prefix is the caller's, and no CODE_* fields.
   platform::LogPrint(LogBuffer::kSystem, LogPriority::kWarning, "zorvel.zorvel", "%s: %s(%d) > plain", "a.cpp", "f", 3);
@@ -351,9 +364,10 @@ int CheckJournalContract() {
 
 TEST_F(SystemLog, TheJournalGetsEveryLineAtTheLevelWithItsPrefixBufferPriorityTagAndSiteOnceItListens) {
   using platform::detail::LogLevelFromText;  // ZORVEL_LOG_LEVEL's values
-  EXPECT_EQ(std::make_tuple(LogLevelFromText("warning", LogPriority::kInfo), LogLevelFromText("ERROR", LogPriority::kInfo),
-                            LogLevelFromText("debug", LogPriority::kWarning), LogLevelFromText(nullptr, LogPriority::kInfo)),
-            std::make_tuple(LogPriority::kWarning, LogPriority::kError, LogPriority::kWarning, LogPriority::kInfo));
+  EXPECT_EQ(
+      std::make_tuple(LogLevelFromText("warning", LogPriority::kInfo), LogLevelFromText("ERROR", LogPriority::kInfo),
+                      LogLevelFromText("debug", LogPriority::kWarning), LogLevelFromText(nullptr, LogPriority::kInfo)),
+      std::make_tuple(LogPriority::kWarning, LogPriority::kError, LogPriority::kWarning, LogPriority::kInfo));
   {  // A sink gets what the system log would.
     zv_client::testing::LogCapture log;
     platform::SetLogLevel(LogPriority::kWarning);
@@ -368,7 +382,8 @@ TEST_F(SystemLog, TheJournalGetsEveryLineAtTheLevelWithItsPrefixBufferPriorityTa
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   if (WIFEXITED(status) && WEXITSTATUS(status) == kNoJournal) GTEST_SKIP() << "no journal of our own: see above why";
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the journal got other fields (above); status " << status;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+      << "the journal got other fields (above); status " << status;
 }
 
 TEST(ThreadId, IsStablePerThreadAndDistinctAcrossThreadsAliveTogether) {

@@ -168,7 +168,7 @@ TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
     markers = seen = seen * 10 + marker;
   });
   client.SetSignalCallback(kSignalOnCancel, DBusClient::SignalCallback());  // empty: as good as none
-  control().Emit("onMystery", g_variant_new("(i)", 1));  // not in the contract, still dispatched
+  control().Emit("onMystery", g_variant_new("(i)", 1));                     // not in the contract, still dispatched
   control().Emit(kSignalOnCancel, g_variant_new("(^ayqq)", "eA==", 1, 2));
   control().Emit(kSignalOnFound, Found(1));
   ASSERT_TRUE(WaitUntil([&] { return markers == 1; }));  // one sender: in order

@@ -102,8 +102,7 @@ class Outcomes {
 // False when `work` did not finish within WaitUntil's deadline (a deadlock).
 bool FinishesInBoundedTime(std::function<void()> work) {
   auto done = std::async(std::launch::async, std::move(work));
-  const bool finished =
-      WaitUntil([&] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+  const bool finished = WaitUntil([&] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
   if (finished) done.get();
   return finished;
 }
@@ -143,27 +142,22 @@ class LauncherTest : public BusTest {
 TEST_F(LauncherTest, CommandsStartNothingWithoutAClientOrWithoutInit) {
   Launcher fresh;
   outcomes_.Attach(fresh);
-  const std::vector<std::function<bool(CommandId*)>> refused{
-      [&](CommandId* id) { return fresh.Connect(7, id) == -1; },
-      [&](CommandId* id) { return fresh.StartBroadcast(true, id) == -1; },
-      [&](CommandId* id) { return fresh.StopBroadcast(id) == -1; },
-      [&](CommandId* id) { return fresh.Stop(id) == -1; },
-      [&](CommandId* id) { return fresh.ReadProfiles(id).empty(); },
-      [&](CommandId* id) { return fresh.DeleteStoredProfile(1, id) == -1; }};
-  const auto expectRefused = [&](const std::string& reason) {
-    for (const auto& command : refused) {
-      CommandId id = 0;
-      EXPECT_TRUE(command(&id));
-      CommandOutcome outcome;
-      ASSERT_TRUE(outcomes_.Ended(id, &outcome)) << "told only after returning";
-      EXPECT_EQ(outcome.status, CommandStatus::kNotStarted);
-      EXPECT_EQ(outcome.errorName, outcome.method == "deinit" || outcome.method == "readProfiles" ||
-                                           outcome.method == "deleteStoredProfile"
-                                       ? reason
-                                       : zorvel::kErrorNoClient);
-    }
-  };
-  expectRefused(zorvel::kErrorNotInited);
+  // Connect, StartBroadcast and StopBroadcast need a client; the others also Init on their Launcher.
+  const std::vector<std::pair<std::function<bool(CommandId*)>, const char*>> refused{
+      {[&](CommandId* id) { return fresh.Connect(7, id) == -1; }, zorvel::kErrorNoClient},
+      {[&](CommandId* id) { return fresh.StartBroadcast(true, id) == -1; }, zorvel::kErrorNoClient},
+      {[&](CommandId* id) { return fresh.StopBroadcast(id) == -1; }, zorvel::kErrorNoClient},
+      {[&](CommandId* id) { return fresh.Stop(id) == -1; }, zorvel::kErrorNotInited},
+      {[&](CommandId* id) { return fresh.ReadProfiles(id).empty(); }, zorvel::kErrorNotInited},
+      {[&](CommandId* id) { return fresh.DeleteStoredProfile(1, id) == -1; }, zorvel::kErrorNotInited}};
+  for (const auto& [command, reason] : refused) {
+    CommandId id = 0;
+    EXPECT_TRUE(command(&id));
+    CommandOutcome outcome;
+    ASSERT_TRUE(outcomes_.Ended(id, &outcome)) << "told only after returning";
+    EXPECT_EQ(std::make_pair(outcome.status, outcome.errorName),
+              std::make_pair(CommandStatus::kNotStarted, std::string(reason)));
+  }
 
   Launcher launcher;
   ASSERT_TRUE(InitReady(launcher));
@@ -179,26 +173,6 @@ TEST_F(LauncherTest, CommandsStartNothingWithoutAClientOrWithoutInit) {
   EXPECT_EQ(CurrentClient(), nullptr);
   EXPECT_EQ(launcher.StartBroadcast(true), -1);
   EXPECT_EQ(control().CallTexts(), Texts{"deinit()"});
-}
-
-TEST_F(LauncherTest, QueuedCommandsReachTheDaemonInOrderWithTheirArguments) {
-  Launcher launcher;
-  ASSERT_TRUE(InitReady(launcher));
-  const auto sent = [&](const std::string& method, std::size_t count) { return control().WaitForCall(method, count); };
-  EXPECT_EQ(launcher.Connect(7), 0);
-  ASSERT_TRUE(sent("connect", 1));
-  EXPECT_EQ(launcher.Connect(8), -1) << "a connection is pending until a broadcast starts or stops";
-  EXPECT_EQ(launcher.StartBroadcast(false), 0);
-  EXPECT_EQ(launcher.Connect(8), 0);
-  EXPECT_EQ(launcher.DeleteStoredProfile(-3), 0);
-  EXPECT_TRUE(launcher.ReadProfiles().empty());
-  ASSERT_TRUE(sent("readProfiles", 1));
-  EXPECT_EQ(launcher.StopBroadcast(), 0);
-  EXPECT_EQ(launcher.Connect(9), 0);  // held: StopBroadcast took readiness away until a new owner
-  control().Restart();
-  ASSERT_TRUE(sent("connect", 3));
-  EXPECT_EQ(control().CallTexts(), (Texts{"connect(7,)", "startBroadcast(0,)", "connect(8,)", "deleteStoredProfile(-3,)",
-                                          "readProfiles()", "stopBroadcast()", "connect(9,)"}));
 }
 
 TEST_F(LauncherTest, OutcomesCarryTheDaemonsAnswerOrItsError) {
@@ -232,6 +206,9 @@ TEST_F(LauncherTest, OutcomesCarryTheDaemonsAnswerOrItsError) {
     EXPECT_EQ(Run([&](CommandId* id) { launcher.ReadProfiles(id); }).errorName, zorvel::kErrorInvalidReply);
   }
   EXPECT_TRUE(found_.Items().empty());
+  EXPECT_EQ(control().CallTexts(),
+            (Texts{"connect(7,)", "startBroadcast(1,)", "deleteStoredProfile(1,)", "startBroadcast(0,)", "connect(9,)",
+                   "startBroadcast(0,)", "readProfiles()", "startBroadcast(0,)", "readProfiles()"}));
 }
 
 TEST_F(LauncherTest, StopAndStopBroadcastAnswerOnTheCallingThread) {
@@ -418,14 +395,14 @@ TEST_F(LauncherTest, SignalsReachTheirCallbacksAndMalformedOnesAreDropped) {
   Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
   const std::string raw("\xff\x00zorvel", 8);
+  // Malformed payloads (every shape is fuzzed) are dropped here as on the bus.
   control().Emit("onFound", common::SerializeIntoGVariant("Kitchen speaker", 12));
-  EmitEach("onFound", {g_variant_new("(ayq)", nullptr, 12), g_variant_new("(si)", "Kitchen speaker", 12),
-                       g_variant_new("(ayqq)", nullptr, 1, 2), nullptr});
+  EmitEach("onFound", {g_variant_new("(ayq)", nullptr, 12), g_variant_new("(si)", "Kitchen speaker", 12), nullptr});
   control().Emit("onFound", common::SerializeIntoGVariant(raw, 13));
   control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall display", 7}, 3));  // the status, not the id
-  EmitEach("onCancel", {common::IntegerToVariant(5), nullptr, g_variant_new("(ayqq)", nullptr, 7, 3)});
+  EmitEach("onCancel", {common::IntegerToVariant(5), nullptr});
   EmitEach("onConnectionAvailable", {g_variant_new("(qq)", 5, 2), g_variant_new("(qq)", 65535, 0),
-                                     g_variant_new("(s)", "5")});  // of another type: both numbers 0
+                                     g_variant_new("(s)", "5")});                 // of another type: both numbers 0
   control().Emit("onVoiceGuideSay", common::SerializeIntoGVariant("Turn left"));  // no handler
   control().Emit("onServiceShutdown", common::IntegerToVariant(1));
   ASSERT_TRUE(available_.WaitForSize(3));  // one sender: everything before it was handled
@@ -454,8 +431,9 @@ TEST_F(LauncherTest, CallbacksKeepTheirStateBetweenEvents) {
   Launcher launcher;
   launcher.SetOnConnectionAvailable(Counter{&availableCounts});
   launcher.SetOnCancelConnectionCallback([this, seen = 0](int) mutable { cancelled_.Add(++seen); });
-  launcher.SetOnInstanceFoundCallback(
-      [this, seen = 0](int id, const std::string&) mutable { found_.Add({id, std::to_string(++seen)}); });
+  launcher.SetOnInstanceFoundCallback([this, seen = 0](int id, const std::string&) mutable {
+    found_.Add({id, std::to_string(++seen)});
+  });
   ASSERT_TRUE(InitReady(launcher));
   for (guint16 n = 1; n <= 3; ++n) {
     control().Emit("onConnectionAvailable", g_variant_new("(qq)", n, 1));
@@ -606,10 +584,9 @@ TEST_F(LauncherTest, NeverPassesAStrangersSignalsToTheApplication) {
   common::GObjectPtr<GDBusConnection> claimer = OpenBusConnection();
   for (const auto& [call, args] : {std::make_pair("RequestName", g_variant_new("(su)", "zorvel.dbus.service", 4U)),
                                    std::make_pair("ReleaseName", g_variant_new("(s)", "zorvel.dbus.service"))}) {
-    common::GVariantPtr answer(g_dbus_connection_call_sync(claimer.get(), "org.freedesktop.DBus",
-                                                           "/org/freedesktop/DBus", "org.freedesktop.DBus", call, args,
-                                                           G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr,
-                                                           nullptr));
+    common::GVariantPtr answer(g_dbus_connection_call_sync(
+        claimer.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", call, args,
+        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
     ASSERT_TRUE(answer) << call;
   }
   const std::string owner = control().AcquireName();

@@ -89,8 +89,8 @@ TEST_F(Resources, ThousandLifecyclesLeaveNothingBehind) {
       << Descriptors() << " descriptors, " << descriptors << " before";
   EXPECT_TRUE(WaitUntil([&] { return BusStat("ActiveConnections") <= connections; }))
       << BusStat("ActiveConnections") << " connections, " << connections << " before";
-  EXPECT_TRUE(WaitUntil([&] { return BusStat("MatchRules") <= rules; })) << BusStat("MatchRules") << " match rules, " << rules
-                                                                 << " before";
+  EXPECT_TRUE(WaitUntil([&] { return BusStat("MatchRules") <= rules; }))
+      << BusStat("MatchRules") << " match rules, " << rules << " before";
   const long growth = ResidentKb() - resident;
   std::printf("resources: %zu threads, %zu fds, %ld match rules, rss %+ld kB\n", Threads(), Descriptors(),
               BusStat("MatchRules"), growth);

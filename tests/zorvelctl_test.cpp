@@ -123,9 +123,16 @@ TEST_F(ZorvelctlTest, ExitCodeThreeWhenTheBusOrTheDaemonIsMissingAndTwoOnUsageEr
   const Outcome noBus = Zorvelctl({"--json", "profiles"}, "unix:path=/nonexistent/bus");
   EXPECT_EQ(noBus.exitCode, 3) << noBus.out << noBus.err;
   EXPECT_TRUE(Has(noBus.out, "unix:path=/nonexistent/bus") && Has(noBus.out, "DBUS_SYSTEM_BUS_ADDRESS")) << noBus.out;
-  for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-           {}, {"frobnicate"}, {"connect"}, {"connect", "abc"}, {"delete", "1", "2"}, {"profiles", "--timeout"},
-           {"profiles", "--timeout", "-1"}, {"profiles", "--online-check"}, {"--bogus", "monitor"}}) {
+  for (const std::vector<std::string>& arguments :
+       std::vector<std::vector<std::string>>{{},
+                                             {"frobnicate"},
+                                             {"connect"},
+                                             {"connect", "abc"},
+                                             {"delete", "1", "2"},
+                                             {"profiles", "--timeout"},
+                                             {"profiles", "--timeout", "-1"},
+                                             {"profiles", "--online-check"},
+                                             {"--bogus", "monitor"}}) {
     const Outcome run = Zorvelctl(arguments);
     EXPECT_EQ(run.exitCode, 2) << ::testing::PrintToString(arguments) << run.err;
     EXPECT_TRUE(Has(run.err, "--help")) << run.err;

@@ -13,16 +13,16 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <mutex>
-#include <thread>
-#include <charconv>
-#include <cstdint>
-#include <cstring>
 #include <string>
+#include <thread>
 
 // libsystemd owns the journal's wire protocol (framing, large entries through
 // a memfd, its socket). What stays here is knowing when nobody listens, so
@@ -110,7 +110,6 @@ void SendNow(LogBuffer buffer, LogPriority priority, const char* tag, const Code
   if (sd_journal_sendv(fields, count) < 0) verdictUntilNs.store(0, std::memory_order_relaxed);
 }
 
-
 // Lines reach the journal from a writer thread of the library's own: an
 // application thread pays for formatting and queueing a line, not for the
 // datagram, a system call that also wakes journald (several microseconds, a
@@ -195,10 +194,10 @@ class Writer {
 
   std::mutex mutex_;  // a leaf: nothing is called under it that logs or locks
   std::condition_variable wake_, room_, sent_;
-  std::deque<Entry> queue_;    // guarded by mutex_
-  std::uint64_t queued_ = 0;   // lines ever queued; guarded by mutex_
-  std::uint64_t done_ = 0;     // of those, sent (or dropped by a fork); guarded by mutex_
-  bool started_ = false;       // guarded by mutex_
+  std::deque<Entry> queue_;   // guarded by mutex_
+  std::uint64_t queued_ = 0;  // lines ever queued; guarded by mutex_
+  std::uint64_t done_ = 0;    // of those, sent (or dropped by a fork); guarded by mutex_
+  bool started_ = false;      // guarded by mutex_
 };
 
 }  // namespace
@@ -216,8 +215,8 @@ bool JournalReachable() {
   return found;
 }
 
-void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site,
-                 const char* message, std::size_t length) {
+void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site, const char* message,
+                 std::size_t length) {
   Writer::Get().Send(buffer, priority, tag, site, message, length);
 }
 

@@ -30,8 +30,8 @@ bool JournalReachable();
 // (`tag`), ZORVEL_LOG_BUFFER (main or system) and, when known, CODE_FILE,
 // CODE_LINE and CODE_FUNC. Dropped silently when the journal refuses it.
 // Thread-safe.
-void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site,
-                 const char* message, std::size_t length);
+void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site, const char* message,
+                 std::size_t length);
 
 }  // namespace detail
 }  // namespace platform

@@ -40,8 +40,8 @@ inline bool LogWanted(LogPriority priority) {
 // LogPrint for the macros below, which have checked LogWanted: the same
 // line, and where it was logged (`file` without its folders) for the
 // journal's CODE_* fields.
-void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line,
-              const char* function, const char* format, ...) __attribute__((format(printf, 7, 8)));
+void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line, const char* function,
+              const char* format, ...) __attribute__((format(printf, 7, 8)));
 
 constexpr std::size_t BasenameOffset(const char* path) {
   std::size_t offset = 0;
@@ -60,14 +60,13 @@ constexpr std::size_t BasenameOffset(const char* path) {
 
 // Below the level, not even the arguments are evaluated. `function` names
 // the operation in the prefix: __func__, unless a helper logs for another.
-#define ZV_LOG_AT_(function, buffer, priority, fmt, ...)                                                         \
-  do {                                                                                                           \
-    if (::zv_client::platform::detail::LogWanted(::zv_client::platform::LogPriority::priority)) {               \
-      ::zv_client::platform::detail::LogWrite(::zv_client::platform::LogBuffer::buffer,                          \
-                                              ::zv_client::platform::LogPriority::priority, kLogTag,             \
-                                              ZV_LOG_FILE_, __LINE__, function, "%s: %s(%d) > " fmt,             \
-                                              ZV_LOG_FILE_, function, __LINE__, ##__VA_ARGS__);                  \
-    }                                                                                                            \
+#define ZV_LOG_AT_(function, buffer, priority, fmt, ...)                                                           \
+  do {                                                                                                             \
+    if (::zv_client::platform::detail::LogWanted(::zv_client::platform::LogPriority::priority)) {                  \
+      ::zv_client::platform::detail::LogWrite(                                                                     \
+          ::zv_client::platform::LogBuffer::buffer, ::zv_client::platform::LogPriority::priority, kLogTag,         \
+          ZV_LOG_FILE_, __LINE__, function, "%s: %s(%d) > " fmt, ZV_LOG_FILE_, function, __LINE__, ##__VA_ARGS__); \
+    }                                                                                                              \
   } while (false)
 #define ZV_LOG_(buffer, priority, fmt, ...) ZV_LOG_AT_(__func__, buffer, priority, fmt, ##__VA_ARGS__)
 

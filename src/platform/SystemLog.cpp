@@ -43,8 +43,8 @@ std::shared_ptr<const LogSink> Sink() {
 
 // The line is formatted straight after "MESSAGE=": the journal gets it as a
 // ready field, a sink gets the text after the key.
-void Write(LogBuffer buffer, LogPriority priority, const char* tag, const detail::CodeSite& site,
-           const char* format, va_list args) {
+void Write(LogBuffer buffer, LogPriority priority, const char* tag, const detail::CodeSite& site, const char* format,
+           va_list args) {
   const std::shared_ptr<const LogSink> sink = Sink();
   // With no journal listening nobody would receive the line: skip even
   // formatting it.
@@ -130,8 +130,8 @@ LogPriority LogLevelFromText(const char* text, LogPriority fallback) {
   return fallback;
 }
 
-void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line,
-              const char* function, const char* format, ...) {
+void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const char* file, int line, const char* function,
+              const char* format, ...) {
   va_list args;
   va_start(args, format);
   Write(buffer, priority, tag, CodeSite{file, line, function}, format, args);

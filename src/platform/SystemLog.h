@@ -14,13 +14,12 @@ enum class LogPriority { kInfo, kWarning, kError };
 // the sink installed with SetLogSink. A line below the level (SetLogLevel),
 // or one for the system log while no journal listens, is dropped before it
 // is formatted.
-ZORVEL_API void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag,
-                         const char* format, ...) __attribute__((format(printf, 4, 5)));
+ZORVEL_API void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
 
 // Receives every line instead of the system log. `text` is the whole
 // formatted line; both pointers are valid only during the call.
-using LogSink =
-    std::function<void(LogBuffer buffer, LogPriority priority, const char* tag, const char* text)>;
+using LogSink = std::function<void(LogBuffer buffer, LogPriority priority, const char* tag, const char* text)>;
 
 // Installs `sink`; an empty sink restores the system log. Safe while other
 // threads log: a line being written when the sink is replaced goes to either

@@ -16,9 +16,9 @@
 namespace zv_client {
 namespace zorvel {
 
-using dbus::client::detail::ClientInternals;
 using dbus::client::DBusClient;
 using dbus::client::DBusClientAsync;
+using dbus::client::detail::ClientInternals;
 using detail::ClientLease;
 using CommandEnd = DBusClientAsync::CommandEnd;
 using OutcomeCallback = std::function<void(const CommandOutcome&)>;
@@ -196,14 +196,19 @@ class CommandRun {
         outcome.status = CommandStatus::kHeld;
         outcome.final = false;
         return;
-      case CommandEnd::Kind::kDroppedAsRepeat: outcome.status = CommandStatus::kDroppedAsRepeat; return;
-      case CommandEnd::Kind::kDiscarded: outcome.status = CommandStatus::kDiscarded; return;
+      case CommandEnd::Kind::kDroppedAsRepeat:
+        outcome.status = CommandStatus::kDroppedAsRepeat;
+        return;
+      case CommandEnd::Kind::kDiscarded:
+        outcome.status = CommandStatus::kDiscarded;
+        return;
       case CommandEnd::Kind::kFailedToRun:
         outcome.status = CommandStatus::kNotStarted;
         outcome.errorName = kErrorInternal;
         outcome.errorMessage = end.failure;
         return;
-      case CommandEnd::Kind::kRan: break;
+      case CommandEnd::Kind::kRan:
+        break;
     }
     if (!end.failure.empty()) {  // the reply did not decode
       outcome.status = CommandStatus::kFailed;
@@ -216,8 +221,8 @@ class CommandRun {
       if (!g_variant_is_of_type(end.reply.get(), G_VARIANT_TYPE("(r)"))) {
         outcome.status = CommandStatus::kFailed;
         outcome.errorName = kErrorInvalidReply;
-        outcome.errorMessage = std::string("the daemon answered ") + g_variant_get_type_string(end.reply.get()) +
-                               ", not a profile list";
+        outcome.errorMessage =
+            std::string("the daemon answered ") + g_variant_get_type_string(end.reply.get()) + ", not a profile list";
         return;
       }
       outcome.status = CommandStatus::kAnswered;

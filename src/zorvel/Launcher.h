@@ -130,14 +130,15 @@ enum class CommandStatus {
 
 // Error names of the library's own, for what no D-Bus error describes.
 // kNotStarted:
-inline constexpr char kErrorNoClient[] = "zorvel.client.Error.NoClient";  // no Init, or a Launcher was destroyed
+inline constexpr char kErrorNoClient[] = "zorvel.client.Error.NoClient";    // no Init, or a Launcher was destroyed
 inline constexpr char kErrorNotInited[] = "zorvel.client.Error.NotInited";  // Stop, ReadProfiles, DeleteStoredProfile
-inline constexpr char kErrorConnectPending[] = "zorvel.client.Error.ConnectPending";  // Connect before Start/StopBroadcast
+inline constexpr char kErrorConnectPending[] =
+    "zorvel.client.Error.ConnectPending";                                 // Connect before Start/StopBroadcast
 inline constexpr char kErrorNotReady[] = "zorvel.client.Error.NotReady";  // the daemon not ready (Stop, StopBroadcast)
 inline constexpr char kErrorInternal[] = "zorvel.client.Error.Internal";  // e.g. no thread could be started
 // kFailed (besides the daemon's or the bus's own D-Bus errors):
 inline constexpr char kErrorInvalidReply[] = "zorvel.client.Error.InvalidReply";  // a reply that does not decode
-inline constexpr char kErrorCancelled[] = "zorvel.client.Error.Cancelled";  // a call in flight at teardown
+inline constexpr char kErrorCancelled[] = "zorvel.client.Error.Cancelled";        // a call in flight at teardown
 // kTimedOut: "org.freedesktop.DBus.Error.NoReply".
 
 struct CommandOutcome {
@@ -146,12 +147,12 @@ struct CommandOutcome {
                                 // "deinit" (Stop), "readProfiles", "deleteStoredProfile"
   std::optional<int> argument;  // Connect, DeleteStoredProfile: the id; StartBroadcast: 1 or 0
   CommandStatus status = CommandStatus::kAnswered;
-  bool final = true;     // false only for kHeld: another outcome of this command follows
-  bool wasHeld = false;  // the command was held before it ended
-  int answer = 0;        // kAnswered, except ReadProfiles: the daemon's answer (0: done)
+  bool final = true;                             // false only for kHeld: another outcome of this command follows
+  bool wasHeld = false;                          // the command was held before it ended
+  int answer = 0;                                // kAnswered, except ReadProfiles: the daemon's answer (0: done)
   std::vector<common::SessionProfile> profiles;  // kAnswered, ReadProfiles: all of them, in order
-  std::string errorName;     // kFailed, kTimedOut, kNotStarted
-  std::string errorMessage;  // the same, for people
+  std::string errorName;                         // kFailed, kTimedOut, kNotStarted
+  std::string errorMessage;                      // the same, for people
 };
 
 namespace detail {

@@ -19,12 +19,12 @@ struct LogCapture::State {
 LogCapture::LogCapture() : state_(std::make_shared<State>()) {
   // The sink shares the state: a line being written while the capture goes
   // away still has somewhere to go.
-  platform::SetLogSink([state = state_](platform::LogBuffer buffer, platform::LogPriority priority,
-                                        const char* tag, const char* text) {
-    if (state->echo) std::fprintf(stderr, "[%s] %s\n", tag, text);
-    std::lock_guard<std::mutex> lock(state->mutex);
-    if (state->keep) state->lines.push_back(LogLine{buffer, priority, tag, text});
-  });
+  platform::SetLogSink(
+      [state = state_](platform::LogBuffer buffer, platform::LogPriority priority, const char* tag, const char* text) {
+        if (state->echo) std::fprintf(stderr, "[%s] %s\n", tag, text);
+        std::lock_guard<std::mutex> lock(state->mutex);
+        if (state->keep) state->lines.push_back(LogLine{buffer, priority, tag, text});
+      });
 }
 
 LogCapture::~LogCapture() { platform::SetLogSink({}); }

@@ -124,8 +124,7 @@ class BusEnvironment : public ::testing::Environment {
   void TearDown() override { PrivateBus::Get().Stop(); }
 };
 
-[[maybe_unused]] const bool kEnvironmentRegistered =
-    (::testing::AddGlobalTestEnvironment(new BusEnvironment), true);
+[[maybe_unused]] const bool kEnvironmentRegistered = (::testing::AddGlobalTestEnvironment(new BusEnvironment), true);
 
 }  // namespace
 

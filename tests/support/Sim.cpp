@@ -6,8 +6,8 @@
 
 #include <dbus/client/ServiceContract.h>
 
-#include "support/PrivateBus.h"
 #include "harness/Processes.h"
+#include "support/PrivateBus.h"
 #include "support/Wait.h"
 
 namespace zv_client {
@@ -37,8 +37,10 @@ bool SimProcess::Start() {
   BusAddress();  // the child inherits DBUS_SYSTEM_BUS_ADDRESS
   std::vector<std::string> argv{ZORVEL_TEST_SIM_PATH};
   if (std::getenv("ZORVEL_TEST_SIM_VERBOSE") == nullptr) argv.push_back("--quiet");
-  for (const auto& [id, name] : options_.profiles) argv.insert(argv.end(), {"--profile", std::to_string(id) + ":" + name});
-  for (const auto& [id, name] : options_.instances) argv.insert(argv.end(), {"--instance", std::to_string(id) + ":" + name});
+  for (const auto& [id, name] : options_.profiles)
+    argv.insert(argv.end(), {"--profile", std::to_string(id) + ":" + name});
+  for (const auto& [id, name] : options_.instances)
+    argv.insert(argv.end(), {"--instance", std::to_string(id) + ":" + name});
   if (options_.intervalMs != 0) argv.insert(argv.end(), {"--interval", std::to_string(options_.intervalMs)});
   pid_ = SpawnChild(argv);
 
@@ -72,9 +74,9 @@ SimControl::SimControl() : connection_(OpenBusConnection()) {}
 
 common::GVariantPtr SimControl::Invoke(const char* method, GVariant* parameters) {
   GError* rawError = nullptr;
-  GVariant* reply = g_dbus_connection_call_sync(connection_.get(), kSimBusName.c_str(), "/zorvel/sim",
-                                                "zorvel.sim.Control", method, parameters, nullptr,
-                                                G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &rawError);
+  GVariant* reply =
+      g_dbus_connection_call_sync(connection_.get(), kSimBusName.c_str(), "/zorvel/sim", "zorvel.sim.Control", method,
+                                  parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &rawError);
   common::GErrorPtr error(rawError);
   if (reply == nullptr) ADD_FAILURE() << "zorvel.sim.Control." << method << " failed: " << error->message;
   return common::GVariantPtr(reply);

@@ -28,7 +28,8 @@ inline std::string EnterPrivateJournalDir() {
   auto write = [](const char* path, const std::string& text) { return !(std::ofstream(path) << text).fail(); };
   if (geteuid() != 0 || unshare(CLONE_NEWNS) != 0) {
     // EINVAL: another thread runs, such as a sanitizer's in a forked child.
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return std::string("unshare(CLONE_NEWUSER): ") + std::strerror(errno);
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+      return std::string("unshare(CLONE_NEWUSER): ") + std::strerror(errno);
     if (!write("/proc/self/uid_map", uid + " " + uid + " 1") || !write("/proc/self/setgroups", "deny") ||
         !write("/proc/self/gid_map", gid + " " + gid + " 1"))
       return "writing the user namespace's id maps failed";

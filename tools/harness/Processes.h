@@ -54,9 +54,9 @@ common::GObjectPtr<GDBusConnection> OpenBusConnection(const std::string& address
 std::string NameOwner(GDBusConnection* connection, const std::string& name);
 
 struct OwnersWait {
-  bool owned = false;   // every name had an owner in time
-  bool exited = false;  // the child ended first; it has been reaped
-  int status = 0;       // its exit code, or 128 + signal, when it ended
+  bool owned = false;       // every name had an owner in time
+  bool exited = false;      // the child ended first; it has been reaped
+  int status = 0;           // its exit code, or 128 + signal, when it ended
   std::string Why() const;  // for messages: "" when owned
 };
 

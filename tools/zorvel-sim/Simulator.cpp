@@ -181,8 +181,7 @@ GVariant* EntriesToVariant(const std::vector<SessionProfile>& entries) {  // new
   return g_variant_new("(a(is))", &builder);
 }
 
-void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* format, ...)
-    G_GNUC_PRINTF(3, 4);
+void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* format, ...) G_GNUC_PRINTF(3, 4);
 void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char* format, ...) {
   va_list args;
   va_start(args, format);
@@ -195,10 +194,10 @@ void ReturnError(GDBusMethodInvocation* invocation, const char* name, const char
 // Owns `name` or fails: queueing behind another owner would leave the caller
 // of AcquireName waiting for a name that may never come.
 bool RequestName(GDBusConnection* connection, const char* name, GError** error) {
-  GVariantPtr reply(g_dbus_connection_call_sync(
-      connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-      g_variant_new("(su)", name, kRequestNameDoNotQueue), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1,
-      nullptr, error));
+  GVariantPtr reply(g_dbus_connection_call_sync(connection, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                "org.freedesktop.DBus", "RequestName",
+                                                g_variant_new("(su)", name, kRequestNameDoNotQueue),
+                                                G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error));
   if (!reply) return false;
   guint32 result = 0;
   g_variant_get(reply.get(), "(u)", &result);
@@ -240,8 +239,8 @@ bool Simulator::Start(GError** error) {
 
   control_.reset(OpenConnection(error));
   if (!control_) {
-    g_prefix_error(error, "the bus at %s is not reachable (set it with --address or DBUS_SYSTEM_BUS_ADDRESS): ",
-                   address_.c_str());
+    g_prefix_error(
+        error, "the bus at %s is not reachable (set it with --address or DBUS_SYSTEM_BUS_ADDRESS): ", address_.c_str());
     return false;
   }
   closedHandlerId_ = g_signal_connect(control_.get(), "closed", G_CALLBACK(&Simulator::OnBusClosed), this);
@@ -317,10 +316,9 @@ void Simulator::ReleaseName() {
     // Giving the name back explicitly, rather than only closing, means the bus
     // has announced the loss to everyone before our control reply goes out.
     GError* raw = nullptr;
-    GVariantPtr reply(g_dbus_connection_call_sync(connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                  "org.freedesktop.DBus", "ReleaseName",
-                                                  g_variant_new("(s)", kBusName.c_str()), G_VARIANT_TYPE("(u)"),
-                                                  G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &raw));
+    GVariantPtr reply(g_dbus_connection_call_sync(
+        connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ReleaseName",
+        g_variant_new("(s)", kBusName.c_str()), G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &raw));
     GErrorPtr error(raw);
     if (error) Log("releasing %s failed: %s", kBusName.c_str(), error->message);
     g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
@@ -328,13 +326,10 @@ void Simulator::ReleaseName() {
   Log("owner %s released %s", owner.c_str(), kBusName.c_str());
 }
 
-std::string Simulator::Owner() const {
-  return service_ ? g_dbus_connection_get_unique_name(service_.get()) : "";
-}
+std::string Simulator::Owner() const { return service_ ? g_dbus_connection_get_unique_name(service_.get()) : ""; }
 
-void Simulator::DaemonCallThunk(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
-                                const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation,
-                                gpointer self) {
+void Simulator::DaemonCallThunk(GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar* method,
+                                GVariant* parameters, GDBusMethodInvocation* invocation, gpointer self) {
   static_cast<Simulator*>(self)->HandleDaemonCall(sender, method, parameters, invocation);
 }
 
@@ -550,8 +545,7 @@ bool Simulator::HandleEmit(const std::string& method, GVariant* parameters, GDBu
   return true;
 }
 
-bool Simulator::HandleOverride(const std::string& control, GVariant* parameters,
-                               GDBusMethodInvocation* invocation) {
+bool Simulator::HandleOverride(const std::string& control, GVariant* parameters, GDBusMethodInvocation* invocation) {
   GVariantPtr method(g_variant_get_child_value(parameters, 0));
   const std::string name = g_variant_get_string(method.get(), nullptr);
   if (!IsDaemonMethod(name)) {
@@ -603,8 +597,7 @@ bool Simulator::HandleOverride(const std::string& control, GVariant* parameters,
   return true;
 }
 
-void Simulator::HandleControlCall(const std::string& method, GVariant* parameters,
-                                  GDBusMethodInvocation* invocation) {
+void Simulator::HandleControlCall(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation) {
   // GDBus has checked the argument types against the control XML already.
   GError* raw = nullptr;
   if (method == "Emit" || method == "EmitAs") {

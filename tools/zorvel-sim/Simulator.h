@@ -75,8 +75,7 @@ class Simulator {
   static void ControlCallThunk(GDBusConnection* connection, const gchar* sender, const gchar* path,
                                const gchar* interface, const gchar* method, GVariant* parameters,
                                GDBusMethodInvocation* invocation, gpointer self);
-  static void OnBusClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error,
-                          gpointer self);
+  static void OnBusClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error, gpointer self);
   static gboolean OnBroadcastTick(gpointer self);
   static gboolean OnDelayedReply(gpointer pending);
 
@@ -114,12 +113,12 @@ class Simulator {
   guint serviceObjectId_ = 0;
   guint broadcastId_ = 0;  // timeout source while broadcasting
 
-  std::map<std::string, int> answers_;          // SetAnswer
-  std::map<std::string, GVariantPtr> replies_;  // SetReply; always tuples
+  std::map<std::string, int> answers_;                                 // SetAnswer
+  std::map<std::string, GVariantPtr> replies_;                         // SetReply; always tuples
   std::map<std::string, std::pair<std::string, std::string>> errors_;  // SetError: error name, message
-  std::map<std::string, guint> delays_;         // SetDelay, non-zero only
-  std::set<std::string> neverAnswered_;         // SetNoReply
-  std::list<DelayedReply> delayed_;             // list: addresses stay valid for the timers
+  std::map<std::string, guint> delays_;                                // SetDelay, non-zero only
+  std::set<std::string> neverAnswered_;                                // SetNoReply
+  std::list<DelayedReply> delayed_;                                    // list: addresses stay valid for the timers
   std::vector<GObjectPtr<GDBusMethodInvocation>> unanswered_;
 
   std::vector<Call> calls_;

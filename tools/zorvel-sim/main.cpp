@@ -181,8 +181,8 @@ int main(int argc, char** argv) {
   if (status >= 0) return status;
 
   // The payload helpers write to the system log; this program's log is stdout.
-  zv_client::platform::SetLogSink([](zv_client::platform::LogBuffer, zv_client::platform::LogPriority, const char*,
-                                     const char*) {});
+  zv_client::platform::SetLogSink(
+      [](zv_client::platform::LogBuffer, zv_client::platform::LogPriority, const char*, const char*) {});
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
   int exitStatus = 0;
   {

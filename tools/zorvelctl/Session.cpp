@@ -1,7 +1,7 @@
 #include "Session.h"
 
-#include <glib-unix.h>
 #include <gio/gio.h>
+#include <glib-unix.h>
 
 #include <csignal>
 #include <cstdio>
@@ -37,8 +37,8 @@ void PrintLogLine(zv_client::platform::LogBuffer, zv_client::platform::LogPriori
 int Session::Run(Plan plan) {
   plan_ = std::move(plan);
   if (*options_.timeout > 0) {
-    deadline_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                   std::chrono::duration<double>(*options_.timeout));
+    deadline_ =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*options_.timeout));
   }
 
   // zorvelctl's own connection to the bus, to tell "no bus" and "no daemon"

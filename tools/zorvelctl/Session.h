@@ -41,7 +41,7 @@ using zv_client::zorvel::Launcher;
 
 // What the bus watch and the Launcher's callbacks reported so far.
 struct Reports {
-  std::string owner;  // of the daemon's name, "" while it has none
+  std::string owner;                                // of the daemon's name, "" while it has none
   std::set<std::pair<int, std::string>> instances;  // distinct (id, name) found
   std::vector<std::pair<int, bool>> connections;    // (id, available)
   std::vector<int> cancellations;                   // statuses
@@ -56,10 +56,10 @@ class Session;
 
 // What a command needs from the session, and the command itself.
 struct Plan {
-  std::function<int(Session&, Launcher&)> run;  // returns Session::Finish's exit code
-  bool waitForDaemon = true;  // first wait for the daemon's name to have an owner
+  std::function<int(Session&, Launcher&)> run;      // returns Session::Finish's exit code
+  bool waitForDaemon = true;                        // first wait for the daemon's name to have an owner
   FoundLines found = FoundLines::kOncePerInstance;  // how instance-found events are printed
-  bool showOwner = false;     // print each change of the daemon's name owner
+  bool showOwner = false;                           // print each change of the daemon's name owner
 };
 
 class Session {

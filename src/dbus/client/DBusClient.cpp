@@ -51,8 +51,7 @@ common::GObjectPtr<GDBusConnection> ConnectToSystemBus(common::GErrorPtr& error)
 
 }  // namespace
 
-DBusClient::DBusClient()
-    : cancellable_(g_cancellable_new()), anchor_(std::make_shared<detail::CallbackAnchor>()) {
+DBusClient::DBusClient() : cancellable_(g_cancellable_new()), anchor_(std::make_shared<detail::CallbackAnchor>()) {
   anchor_->client = this;
 }
 
@@ -113,8 +112,8 @@ bool DBusClient::Connect() {
   GDBusProxy* proxy = nullptr;
   if (bus) {
     GError* rawError = nullptr;
-    proxy = g_dbus_proxy_new_sync(bus.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, kBusName.c_str(),
-                                  kObjectPath.c_str(), kInterfaceName.c_str(), nullptr, &rawError);
+    proxy = g_dbus_proxy_new_sync(bus.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, kBusName.c_str(), kObjectPath.c_str(),
+                                  kInterfaceName.c_str(), nullptr, &rawError);
     error.reset(rawError);
   }
   std::string remembered;
@@ -124,8 +123,7 @@ bool DBusClient::Connect() {
     remembered = nameOwner_;
   }
   if (proxy == nullptr) {
-    ZV_LOGE("Failed to setup D-Bus proxy for Zorvel Daemon, error = %s",
-            error ? error->message : "unknown error");
+    ZV_LOGE("Failed to setup D-Bus proxy for Zorvel Daemon, error = %s", error ? error->message : "unknown error");
     return false;
   }
 
@@ -141,8 +139,8 @@ bool DBusClient::Connect() {
     return connected_;
   }
 
-  ZV_LOGE("Connection failed: got empty nameOwner? [%d] connected to service which terminates? [%d]",
-          owner ? 0 : 1, (owner && remembered == owner.get()) ? 1 : 0);
+  ZV_LOGE("Connection failed: got empty nameOwner? [%d] connected to service which terminates? [%d]", owner ? 0 : 1,
+          (owner && remembered == owner.get()) ? 1 : 0);
   std::lock_guard<std::mutex> stateLock(stateMutex_);
   proxy_.reset();
   return false;
@@ -329,9 +327,9 @@ void DBusClient::HandleSignal(const std::string& signalName, GVariant* parameter
   (*handler)(parameters);
 }
 
-void DBusClient::SignalHandler(GDBusConnection* /*connection*/, const char* /*senderName*/,
-                               const char* /*objectPath*/, const char* /*interfaceName*/, const char* signalName,
-                               GVariant* parameters, void* userData) {
+void DBusClient::SignalHandler(GDBusConnection* /*connection*/, const char* /*senderName*/, const char* /*objectPath*/,
+                               const char* /*interfaceName*/, const char* signalName, GVariant* parameters,
+                               void* userData) {
   ZV_LOGI("[Zorvel] Got Signal from zorvel daemon %s", OrNull(signalName));
   detail::CallbackScope scope(userData);
   if (DBusClient* self = scope.client(); self != nullptr && signalName != nullptr) {
@@ -369,8 +367,8 @@ void detail::ClientInternals::CancelCalls(DBusClient& client) { client.CancelCal
 
 std::recursive_mutex& detail::ClientInternals::CallbackMutex() { return SignalMutex(); }
 
-bool detail::ClientInternals::Call(DBusClient& client, const std::string& method, GVariant* params,
-                                   GVariant** result, int timeout, common::GErrorPtr& error) {
+bool detail::ClientInternals::Call(DBusClient& client, const std::string& method, GVariant* params, GVariant** result,
+                                   int timeout, common::GErrorPtr& error) {
   return client.DBusClient::Call(method, params, result, timeout, error);
 }
 

@@ -88,12 +88,10 @@ class ZORVEL_API DBusClient {
   // GDBus callbacks. `userData` is the callback handle this client registered
   // (see NewCallbackHandle), never the client itself, so a callback that GLib
   // dispatches after the client is gone finds no client and does nothing.
-  static void OnBusNameAvailable(GDBusConnection* connection, const char* name, const char* nameOwner,
-                                 void* userData);
+  static void OnBusNameAvailable(GDBusConnection* connection, const char* name, const char* nameOwner, void* userData);
   static void OnBusNameVanished(GDBusConnection* connection, const char* name, void* userData);
   static void SignalHandler(GDBusConnection* connection, const char* senderName, const char* objectPath,
-                            const char* interfaceName, const char* signalName, GVariant* parameters,
-                            void* userData);
+                            const char* interfaceName, const char* signalName, GVariant* parameters, void* userData);
 
   // A heap handle naming this client for a GLib registration's user data;
   // pass FreeCallbackHandle as its destroy notify.

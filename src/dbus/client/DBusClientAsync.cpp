@@ -204,8 +204,8 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
       DeliverQueued(lock);
       return 0;
     }
-    ZV_LOGI_THD("ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]", method.c_str(),
-                ready_ ? 1 : 0, IsConnected() ? 1 : 0, commandPool_.size());
+    ZV_LOGI_THD("ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]", method.c_str(), ready_ ? 1 : 0,
+                IsConnected() ? 1 : 0, commandPool_.size());
 
     // Readiness without a link would make every command fail at once, with
     // nothing ever restoring the link: drop the readiness and go on as when
@@ -299,12 +299,18 @@ void DBusClientAsync::Finish(const CommandData& command, CommandEnd end, std::si
       tally_->Add(end.wasHeld ? &Counts::replayed : &Counts::ranAtOnce, 1,
                   end.wasHeld ? commandPool_.size() - 1 : detail::CommandTally::kHeldUnchanged);
       break;
-    case CommandEnd::Kind::kDroppedAsRepeat: tally_->Add(&Counts::droppedDuplicate); break;
-    case CommandEnd::Kind::kHeld: tally_->Add(&Counts::pooled, 1, commandPool_.size()); break;
+    case CommandEnd::Kind::kDroppedAsRepeat:
+      tally_->Add(&Counts::droppedDuplicate);
+      break;
+    case CommandEnd::Kind::kHeld:
+      tally_->Add(&Counts::pooled, 1, commandPool_.size());
+      break;
     case CommandEnd::Kind::kDiscarded:
       tally_->Add(&Counts::discarded, 1, end.wasHeld ? commandPool_.size() : detail::CommandTally::kHeldUnchanged);
       break;
-    case CommandEnd::Kind::kFailedToRun: tally_->Add(&Counts::failed); break;
+    case CommandEnd::Kind::kFailedToRun:
+      tally_->Add(&Counts::failed);
+      break;
   }
   if (!command.observer) return;
   deliveries_->Insert(std::min(deliveryAt, deliveries_->Pending()),
@@ -390,8 +396,8 @@ gboolean DBusClientAsync::OnConnectTimer(gpointer handle) {
   return self->AttemptConnect(true) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
 }
 
-void DBusClientAsync::OnDaemonNameAppeared(GDBusConnection* /*connection*/, const char* /*name*/,
-                                           const char* nameOwner, void* handle) {
+void DBusClientAsync::OnDaemonNameAppeared(GDBusConnection* /*connection*/, const char* /*name*/, const char* nameOwner,
+                                           void* handle) {
   detail::CallbackScope scope(handle);
   auto* self = static_cast<DBusClientAsync*>(scope.client());
   if (self == nullptr || nameOwner == nullptr) return;
@@ -483,8 +489,7 @@ void DBusClientAsync::RestoreConnection() {
   {
     std::lock_guard<std::mutex> lock(RestoreMutex());
     if (closing_) return;  // teardown has already waited for the last task
-    if (reconnectFuture_.valid() &&
-        reconnectFuture_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+    if (reconnectFuture_.valid() && reconnectFuture_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
       ZV_LOGI("Reconnecting is still running. Return");
       // The running task may be past its Reconnect, and the retry timer it
       // armed may just have been removed by a lost-connection report; with

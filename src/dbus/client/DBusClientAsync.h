@@ -91,9 +91,9 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   struct CommandData {
     struct Parameters {
       std::string method;
-      GVariant* params = nullptr;    // input tuple or null; not owned by the record
-      GVariant** result = nullptr;   // reply destination, or null for lastReply_
-      int timeout = -1;              // ms, -1 for the D-Bus default
+      GVariant* params = nullptr;   // input tuple or null; not owned by the record
+      GVariant** result = nullptr;  // reply destination, or null for lastReply_
+      int timeout = -1;             // ms, -1 for the D-Bus default
     };
     Parameters parameters;
     std::function<bool(const Parameters&)> function;
@@ -169,7 +169,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   // `deliveryAt` among the deliveries not yet run, by default last).
   void Finish(const CommandData& command, CommandEnd end,
               std::size_t deliveryAt = static_cast<std::size_t>(-1));  // poolMutex_ held
-  void DiscardPool();                                      // poolMutex_ held
+  void DiscardPool();                                                  // poolMutex_ held
   // Runs what was queued under poolMutex_, releasing it first.
   void DeliverQueued(std::unique_lock<std::mutex>& poolLock);
 
@@ -178,11 +178,10 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   bool AttemptConnect(bool fromTimer);
   void StartNameWatch();
   static gboolean OnConnectTimer(gpointer handle);
-  static void OnDaemonNameAppeared(GDBusConnection* connection, const char* name, const char* nameOwner,
-                                   void* handle);
+  static void OnDaemonNameAppeared(GDBusConnection* connection, const char* name, const char* nameOwner, void* handle);
 
-  GVariant* lastReply_ = nullptr;                    // owned; guarded by poolMutex_
-  std::vector<common::SessionProfile> profiles_;    // guarded by poolMutex_
+  GVariant* lastReply_ = nullptr;                 // owned; guarded by poolMutex_
+  std::vector<common::SessionProfile> profiles_;  // guarded by poolMutex_
   std::map<std::string, std::function<bool(const CommandData::Parameters&)>> functions_;  // fixed after construction
   std::mutex poolMutex_;
   std::deque<CommandData> commandPool_;  // guarded by poolMutex_; holds a full ref to each params

@@ -35,7 +35,7 @@ class OrderedDeliveries {
     Batch() = default;
     Batch(Batch&& other) noexcept;
     Batch& operator=(Batch&& other) noexcept;  // swaps: `other` ends what this held
-    ~Batch();  // passes the turn on if the batch never ran
+    ~Batch();                                  // passes the turn on if the batch never ran
     // Waits for the batch's turn and runs its actions, then passes the turn
     // on. An action that throws is reported to `failed` and the batch goes on.
     // Called from inside an action of the same sequence, it returns at once
@@ -49,17 +49,17 @@ class OrderedDeliveries {
     std::vector<Action> actions_;
   };
 
-  void Add(Action action);                         // caller's lock held
-  void Insert(std::size_t at, Action action);      // caller's lock held: before the `at`th pending one
+  void Add(Action action);                                 // caller's lock held
+  void Insert(std::size_t at, Action action);              // caller's lock held: before the `at`th pending one
   std::size_t Pending() const { return pending_.size(); }  // caller's lock held
-  Batch Close();                // caller's lock held: the pending actions with their turn
+  Batch Close();                                           // caller's lock held: the pending actions with their turn
 
  private:
   void AwaitTurn(std::uint64_t ticket);
   void PassTurn();
   bool RunningOnThisThread() const;
 
-  std::vector<Action> pending_;  // guarded by the caller's lock
+  std::vector<Action> pending_;   // guarded by the caller's lock
   std::uint64_t nextTicket_ = 0;  // guarded by the caller's lock
   std::mutex turnMutex_;
   std::condition_variable turn_;
