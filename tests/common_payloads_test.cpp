@@ -316,7 +316,7 @@ int CheckJournalContract() {
   int line = 0;
   // Found within the 250 ms the library waits before looking again.
   const bool arrived = zv_client::testing::WaitUntil([&] {
-    line = __LINE__;
+    line = __LINE__ + 1;  // the next line logs
     ZV_LOGI("anybody?");
     return !(entry = receive(0)).empty();
   });
@@ -331,21 +331,21 @@ int CheckJournalContract() {
   };
 
   const std::string site = "common_payloads_test.cpp: CheckJournalContract(";
-  line = __LINE__;
+  line = __LINE__ + 1;  // the next line logs
   ZV_LOGI_MAIN("duplicate command[%s]", "connect");
   expect(receive(20000),
          {"MESSAGE=" + site + std::to_string(line) + ") > duplicate command[connect]", "PRIORITY=6",
           "SYSLOG_IDENTIFIER=zorvel.test", "ZORVEL_LOG_BUFFER=main", "CODE_FILE=common_payloads_test.cpp",
           "CODE_LINE=" + std::to_string(line), "CODE_FUNC=CheckJournalContract"});
-  line = __LINE__;
+  line = __LINE__ + 1;  // the next line logs
   ZV_LOGW("nullptr, return");
   expect(receive(20000), {"MESSAGE=" + site + std::to_string(line) + ") > nullptr, return", "PRIORITY=4",
                           "ZORVEL_LOG_BUFFER=system", "CODE_LINE=" + std::to_string(line)});
-  line = __LINE__;
+  line = __LINE__ + 1;  // the next line logs
   ZV_LOGE("failed: %d", -1);
   expect(receive(20000), {"MESSAGE=" + site + std::to_string(line) + ") > failed: -1", "PRIORITY=3"});
   [&] {
-    line = __LINE__;
+    line = __LINE__ + 1;  // the next line logs
     ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", "connect");
   }();
   expect(receive(20000), {"MESSAGE=common_payloads_test.cpp: operator()(" + std::to_string(line) +
