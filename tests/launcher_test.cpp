@@ -238,25 +238,6 @@ TEST_F(LauncherTest, StopAndStopBroadcastAnswerOnTheCallingThread) {
   EXPECT_EQ(control().CallTexts(), (Texts{"deinit()", "stopBroadcast()", "deinit()", "stopBroadcast()"}));
 }
 
-TEST_F(LauncherTest, HeldCommandsAreToldWhenHeldAndWhenReplayed) {
-  Launcher launcher;
-  outcomes_.Attach(launcher);
-  ASSERT_TRUE(InitReady(launcher));
-  control().Emit("onDbusClosing", common::IntegerToVariant(0));  // holds commands until a new owner
-  ASSERT_TRUE(logs().WaitFor("onDbusClosing handled"));
-  CommandId connect = 0, read = 0;
-  launcher.Connect(3, &connect);
-  launcher.ReadProfiles(&read);
-  ASSERT_TRUE(WaitUntil([&] { return outcomes_.HeldFirst(connect) && outcomes_.HeldFirst(read); }));
-  EXPECT_TRUE(control().GetCalls().empty());
-  control().Restart();
-  const CommandOutcome outcome = outcomes_.Final(read);
-  EXPECT_TRUE(outcome.wasHeld);
-  EXPECT_EQ(outcome.profiles.size(), 2u);
-  EXPECT_EQ(outcomes_.Final(connect).status, CommandStatus::kAnswered);
-  EXPECT_EQ(control().CallTexts(), (Texts{"connect(3,)", "readProfiles()"}));
-}
-
 TEST_F(LauncherTest, StopBroadcastInsideADeliveryDiscardsWhatTheDaemonsVanishingHeld) {
   // While the daemon is ready nothing is held; a vanishing between StopBroadcast's readiness test and
   // its lock is forced here. It runs inside an outcome's delivery on a command thread: the discarded
@@ -308,19 +289,6 @@ TEST_F(LauncherTest, DestroyingTheLauncherWithCommandsInFlightIsBoundedAndSilent
   EXPECT_EQ(CurrentClient(), nullptr);
   for (CommandId id : {read, deleted, started}) EXPECT_TRUE(outcomes_.Ended(id)) << "told after teardown";
 
-  // Held commands are discarded before the destructor returns.
-  control().ReleaseName();
-  CommandId held = 0;
-  {
-    Launcher other;
-    outcomes_.Attach(other);
-    ASSERT_EQ(other.Init(), 0);
-    other.DeleteStoredProfile(1, &held);
-    ASSERT_TRUE(WaitUntil([&] { return outcomes_.HeldFirst(held); }));
-  }
-  CommandOutcome outcome;
-  ASSERT_TRUE(outcomes_.Ended(held, &outcome));
-  EXPECT_EQ(outcome.status, CommandStatus::kDiscarded);
   EXPECT_EQ(lateCalls, 0);
 }
 
@@ -578,25 +546,6 @@ TEST_F(LauncherTest, NeverPassesAStrangersSignalsToTheApplication) {
   EXPECT_EQ(found_.Items(), (std::vector<Found>{{7, "real"}}));
   EXPECT_TRUE(available_.Items().empty());
   EXPECT_FALSE(logs().Contains("onDbusClosing emitted"));
-
-  // A stranger owning the name while the daemon is away is the daemon until it lets go.
-  control().ReleaseName();
-  common::GObjectPtr<GDBusConnection> claimer = OpenBusConnection();
-  for (const auto& [call, args] : {std::make_pair("RequestName", g_variant_new("(su)", "zorvel.dbus.service", 4U)),
-                                   std::make_pair("ReleaseName", g_variant_new("(s)", "zorvel.dbus.service"))}) {
-    common::GVariantPtr answer(g_dbus_connection_call_sync(
-        claimer.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", call, args,
-        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
-    ASSERT_TRUE(answer) << call;
-  }
-  const std::string owner = control().AcquireName();
-  ASSERT_TRUE(logs().WaitFor("set new ID [" + owner + "]")) << "the library does not follow the daemon";
-  g_dbus_connection_emit_signal(claimer.get(), nullptr, "/zorvel/dbus/service", "dbus.zorvel.Interface", "onFound",
-                                common::SerializeIntoGVariant("former", 67), nullptr);
-  g_dbus_connection_flush_sync(claimer.get(), nullptr, nullptr);
-  control().Emit("onFound", common::SerializeIntoGVariant("real again", 8));
-  ASSERT_TRUE(found_.WaitForSize(2));
-  EXPECT_EQ(found_.Items(), (std::vector<Found>{{7, "real"}, {8, "real again"}}));
 }
 
 }  // namespace
