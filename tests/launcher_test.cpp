@@ -2,7 +2,7 @@
 // replacement and teardown, restarts of the daemon and of the bus, callbacks and their hazards.
 
 #include <future>
-#include <map>
+#include <optional>
 #include <utility>
 
 #include <common/GLibUtils.h>
@@ -46,57 +46,31 @@ class Recorder {
   std::vector<T> items_;
 };
 
-// Every outcome a Launcher delivered and the thread it came on; a command must end once.
-class Outcomes {
+// Every outcome a Launcher delivered, with the thread it came on.
+class Outcomes : public Recorder<std::pair<CommandOutcome, std::thread::id>> {
  public:
-  void Attach(Launcher& launcher) {
-    launcher.SetOnCommandOutcome([this](const CommandOutcome& outcome) {
-      std::unique_lock<std::mutex> lock(mutex_);
-      const auto also = also_;
-      lock.unlock();
+  // Records each outcome, after running `also` on it (in the callback); a command must end once.
+  void Attach(Launcher& launcher, std::function<void(const CommandOutcome&)> also = {}) {
+    launcher.SetOnCommandOutcome([this, also](const CommandOutcome& outcome) {
       if (also) also(outcome);
-      lock.lock();
-      Entry& entry = entries_[outcome.id];
-      EXPECT_FALSE(entry.final) << "command " << outcome.id << " told after it ended";
-      (outcome.final ? entry.final : entry.held) = std::make_unique<CommandOutcome>(outcome);
-      entry.thread = std::this_thread::get_id();
+      EXPECT_FALSE(outcome.final && Find(outcome.id, true)) << "command " << outcome.id << " told after it ended";
+      Add({outcome, std::this_thread::get_id()});
     });
   }
-  // Also runs `also` on each outcome, in the callback, before recording it.
-  void OnEach(std::function<void(const CommandOutcome&)> also) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    also_ = std::move(also);
+  // The outcome of `id` (final, or held) with its thread, if it came.
+  std::optional<std::pair<CommandOutcome, std::thread::id>> Find(CommandId id, bool final = true) const {
+    for (const auto& told : Items()) {
+      if (told.first.id == id && told.first.final == final) return told;
+    }
+    return std::nullopt;
   }
   // The final outcome of `id`, waiting for it; an empty one (and a failure) at the deadline.
-  CommandOutcome Final(CommandId id) {
-    CommandOutcome outcome;
-    EXPECT_TRUE(WaitUntil([&] { return Ended(id, &outcome); })) << "no outcome for command " << id;
-    return outcome;
+  CommandOutcome Final(CommandId id) const {
+    EXPECT_TRUE(WaitUntil([&] { return Find(id).has_value(); })) << "no outcome for command " << id;
+    const auto told = Find(id);
+    return told ? told->first : CommandOutcome();
   }
-  bool Ended(CommandId id, CommandOutcome* outcome = nullptr) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const auto entry = entries_.find(id);
-    if (entry == entries_.end() || !entry->second.final) return false;
-    if (outcome != nullptr) *outcome = *entry->second.final;
-    return true;
-  }
-  bool HeldFirst(CommandId id) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return entries_[id].held != nullptr;
-  }
-  std::thread::id ThreadOf(CommandId id) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return entries_[id].thread;
-  }
-
- private:
-  struct Entry {
-    std::unique_ptr<CommandOutcome> held, final;
-    std::thread::id thread;
-  };
-  std::mutex mutex_;
-  std::map<CommandId, Entry> entries_;
-  std::function<void(const CommandOutcome&)> also_;
+  bool HeldFirst(CommandId id) const { return Find(id, false).has_value(); }
 };
 
 // False when `work` did not finish within WaitUntil's deadline (a deadlock).
@@ -153,9 +127,9 @@ TEST_F(LauncherTest, CommandsStartNothingWithoutAClientOrWithoutInit) {
   for (const auto& [command, reason] : refused) {
     CommandId id = 0;
     EXPECT_TRUE(command(&id));
-    CommandOutcome outcome;
-    ASSERT_TRUE(outcomes_.Ended(id, &outcome)) << "told only after returning";
-    EXPECT_EQ(std::make_pair(outcome.status, outcome.errorName),
+    const auto told = outcomes_.Find(id);
+    ASSERT_TRUE(told) << "told only after returning";
+    EXPECT_EQ(std::make_pair(told->first.status, told->first.errorName),
               std::make_pair(CommandStatus::kNotStarted, std::string(reason)));
   }
 
@@ -220,7 +194,7 @@ TEST_F(LauncherTest, StopAndStopBroadcastAnswerOnTheCallingThread) {
   EXPECT_EQ(launcher.Stop(&stop), -1);
   EXPECT_EQ(launcher.StopBroadcast(&stopBroadcast), -1);
   EXPECT_EQ(outcomes_.Final(stop).errorName, zorvel::kErrorNotReady);
-  EXPECT_EQ(outcomes_.ThreadOf(stopBroadcast), std::this_thread::get_id());
+  EXPECT_EQ(outcomes_.Find(stopBroadcast)->second, std::this_thread::get_id());
 
   control().AcquireName();
   ASSERT_TRUE(logs().WaitFor("IpcReady [1]"));
@@ -242,8 +216,11 @@ TEST_F(LauncherTest, StopBroadcastInsideADeliveryDiscardsWhatTheDaemonsVanishing
   // While the daemon is ready nothing is held; a vanishing between StopBroadcast's readiness test and
   // its lock is forced here. It runs inside an outcome's delivery on a command thread: the discarded
   // command is told on that thread, once that delivery ended, and after its "held".
-  Launcher launcher;
-  outcomes_.Attach(launcher);
+  CommandId trigger = 0;
+  Launcher launcher;  // after what its callbacks touch
+  outcomes_.Attach(launcher, [&](const CommandOutcome& told) {
+    if (told.id == trigger) launcher.StopBroadcast();
+  });
   ASSERT_TRUE(InitReady(launcher));
   std::atomic<CommandId> held{0};
   dbus::client::testing::SetHook([&](Hook point) {
@@ -255,10 +232,6 @@ TEST_F(LauncherTest, StopBroadcastInsideADeliveryDiscardsWhatTheDaemonsVanishing
     held = id;
     EXPECT_TRUE(logs().WaitFor("move command[startBroadcast] into pool"));  // its "held" waits for us
   });
-  CommandId trigger = 0;
-  outcomes_.OnEach([&](const CommandOutcome& told) {
-    if (told.id == trigger) launcher.StopBroadcast();
-  });
   launcher.DeleteStoredProfile(1, &trigger);
   ASSERT_TRUE(WaitUntil([&] { return held != 0; }));
   const CommandOutcome outcome = outcomes_.Final(held);
@@ -266,7 +239,7 @@ TEST_F(LauncherTest, StopBroadcastInsideADeliveryDiscardsWhatTheDaemonsVanishing
   EXPECT_EQ(outcome.status, CommandStatus::kDiscarded);
   EXPECT_TRUE(outcome.wasHeld);
   EXPECT_TRUE(outcomes_.HeldFirst(held));
-  EXPECT_EQ(outcomes_.ThreadOf(held), outcomes_.ThreadOf(trigger));
+  EXPECT_EQ(outcomes_.Find(held)->second, outcomes_.Find(trigger)->second);
 }
 
 TEST_F(LauncherTest, DestroyingTheLauncherWithCommandsInFlightIsBoundedAndSilentAfterwards) {
@@ -287,8 +260,7 @@ TEST_F(LauncherTest, DestroyingTheLauncherWithCommandsInFlightIsBoundedAndSilent
   ASSERT_TRUE(FinishesInBoundedTime([&] { launcher.reset(); }));
   destroyed = true;
   EXPECT_EQ(CurrentClient(), nullptr);
-  for (CommandId id : {read, deleted, started}) EXPECT_TRUE(outcomes_.Ended(id)) << "told after teardown";
-
+  for (CommandId id : {read, deleted, started}) EXPECT_TRUE(outcomes_.Find(id)) << "told after teardown";
   EXPECT_EQ(lateCalls, 0);
 }
 
@@ -317,8 +289,12 @@ TEST_F(LauncherTest, ASecondInitReplacesTheClientUnderTheFirstsCommands) {
 
 TEST_F(LauncherTest, ReadProfilesListsEveryProfileInFullBeforeItsInstanceFoundCalls) {
   control().SetInstances({});  // a broadcast announces nothing: every instance found is a stored profile
-  Launcher launcher;
+  std::atomic<std::size_t> foundWhenListed{0};
+  Launcher launcher;  // after what its callbacks touch
   Attach(launcher);
+  outcomes_.Attach(launcher, [&](const CommandOutcome& told) {
+    if (told.method == "readProfiles") foundWhenListed = found_.Items().size();
+  });
   ASSERT_TRUE(InitReady(launcher));
   // A signature holds 255 characters: one reply carries at most 41 profiles. Names are raw bytes
   // of any size; ids travel in full in the list and in 16 bits to the instance-found callback.
@@ -331,10 +307,6 @@ TEST_F(LauncherTest, ReadProfilesListsEveryProfileInFullBeforeItsInstanceFoundCa
     control().SetReply("readProfiles", common::ProfilesToVariant(store));
     launcher.StartBroadcast(false);  // so that ReadProfiles is no repeat
     const std::size_t before = found_.Items().size();
-    std::atomic<std::size_t> foundWhenListed{0};
-    outcomes_.OnEach([&](const CommandOutcome& told) {
-      if (told.method == "readProfiles") foundWhenListed = found_.Items().size();
-    });
     const CommandOutcome outcome = Run([&](CommandId* id) { launcher.ReadProfiles(id); });
     ASSERT_EQ(outcome.status, CommandStatus::kAnswered) << outcome.errorMessage;
     ASSERT_EQ(outcome.profiles.size(), store.size());
@@ -347,7 +319,6 @@ TEST_F(LauncherTest, ReadProfilesListsEveryProfileInFullBeforeItsInstanceFoundCa
       EXPECT_EQ(found[before + i], (Found{store[i].id & 0xffff, store[i].name}));
     }
   }
-  outcomes_.OnEach(nullptr);
   // More cannot be sent: the daemon's bus refuses the reply, and the library carries on.
   control().ClearReply("readProfiles");
   SimEntries tooMany;
