@@ -47,31 +47,10 @@ std::size_t Unreleased(const Probes& probes) {
 }
 
 // The ends one command was told, in order, as the layer's observer saw them.
-class Ends {
- public:
+struct Ends : Recorder<End> {
   DBusClientAsync::CommandObserver Observer() {
-    return [this](const DBusClientAsync::CommandEnd& end) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      kinds_.push_back(end.kind);
-      wasHeld_ = end.wasHeld;
-    };
+    return [this](const DBusClientAsync::CommandEnd& end) { Add(end.kind); };
   }
-  std::vector<End> Kinds() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return kinds_;
-  }
-  bool WaitFor(std::vector<End> expected) const {
-    return WaitUntil([&] { return Kinds() == expected; });
-  }
-  bool wasHeld() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return wasHeld_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<End> kinds_;
-  bool wasHeld_ = false;
 };
 
 // Records which kind of connect attempt made the link, and can step into the first one.
@@ -105,9 +84,7 @@ class TheCommandLayer : public BusTest {
     client->SetSignalCallback("onFound", [this](GVariant* parameters) {
       std::string name;
       int id = 0;
-      if (!common::DeserializeDataFromGVariant(parameters, name, id)) return;
-      std::lock_guard<std::mutex> lock(mutex_);
-      found_.emplace_back(id, name);
+      if (common::DeserializeDataFromGVariant(parameters, name, id)) found_.Add({id, name});
     });
     client->SetSignalCallback("onDbusClosing", [raw = client.get()](GVariant*) { raw->Disconnect(); });
     client->Connect();
@@ -115,18 +92,13 @@ class TheCommandLayer : public BusTest {
     RunOnMainLoop([] {});  // the readiness handler, replay included, has returned
     return client;
   }
-  Found FoundSoFar() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return found_;
-  }
   // The daemon's calls once the client is idle.
   Strings Calls(DBusClientAsync& client) {
     EXPECT_TRUE(WaitUntil([&] { return client.GetCounts().inFlight == 0; }));
     return control().CallTexts();
   }
 
-  std::mutex mutex_;
-  Found found_;
+  Recorder<std::pair<int, std::string>> found_;
 };
 
 TEST_F(TheCommandLayer, RunsEachTableCommandOnAThreadOfItsOwn) {
@@ -175,9 +147,9 @@ TEST_F(TheCommandLayer, RestoresALostLinkByItselfAndReplaysHeldCommandsInAccepta
   for (const Ends& end : ends) ASSERT_TRUE(end.WaitFor({End::kHeld}));
 
   ASSERT_TRUE(sim().Start());
-  for (const Ends& end : ends) EXPECT_TRUE(end.WaitFor({End::kHeld, End::kRan}) && end.wasHeld());
+  for (const Ends& end : ends) EXPECT_TRUE(end.WaitFor({End::kHeld, End::kRan}));
   EXPECT_EQ(Calls(*client), (Strings{"readProfiles()", "init()", "connect(5,)", "deleteStoredProfile(7,)"}));
-  EXPECT_TRUE(WaitUntil([&] { return FoundSoFar() == kStored; })) << logs().Dump();
+  EXPECT_TRUE(found_.WaitFor(kStored)) << logs().Dump();
   EXPECT_EQ(client->GetCounts().replayed, 4u);
 }
 
@@ -217,7 +189,7 @@ TEST_F(TheCommandLayer, StaysConnectedWhenARestorationRunsRightAfterAConnectAtte
   EXPECT_TRUE(client->IsConnected());
   ASSERT_TRUE(client->Submit("init", nullptr, -1, ends.Observer()));
   EXPECT_TRUE(control().WaitForCall("init")) << logs().Dump();
-  EXPECT_EQ(ends.Kinds(), std::vector<End>{End::kRan});
+  EXPECT_EQ(ends.Items(), std::vector<End>{End::kRan});
 }
 
 TEST_F(TheCommandLayer, HoldsCommandsAfterDisconnectUntilTheNameHasANewOwner) {
@@ -230,7 +202,7 @@ TEST_F(TheCommandLayer, HoldsCommandsAfterDisconnectUntilTheNameHasANewOwner) {
   ASSERT_TRUE(client->Submit("deinit", nullptr, -1, ends.Observer()));
   ASSERT_TRUE(ends.WaitFor({End::kHeld}));
   control().Emit("onFound", common::SerializeIntoGVariant("Beacon", 42));
-  ASSERT_TRUE(WaitUntil([&] { return FoundSoFar() == Found{{42, "Beacon"}}; })) << logs().Dump();
+  ASSERT_TRUE(found_.WaitFor({{42, "Beacon"}})) << logs().Dump();
   EXPECT_FALSE(attempts.reconnectWaits());
   control().ReleaseName();  // the name goes with the command held; it survives the restoration
   ASSERT_TRUE(WaitUntil([&] { return attempts.reconnectWaits(); }));
@@ -246,7 +218,7 @@ TEST_F(TheCommandLayer, DropsACommandThatRepeatsTheOneJustRunOrOneHeld) {
   const auto run = [&](const std::string& method, GVariant* params, int timeout = -1) {
     EXPECT_TRUE(client->Submit(method, params, timeout, ends.emplace_back().Observer()));
     EXPECT_TRUE(WaitUntil([&] { return client->GetCounts().inFlight == 0; }));
-    return ends.back().Kinds();
+    return ends.back().Items();
   };
   const std::vector<End> ran{End::kRan}, dropped{End::kDroppedAsRepeat};
   EXPECT_EQ(run("startBroadcast", common::IntegerToVariant(1)), ran);
@@ -309,7 +281,7 @@ TEST_F(TheCommandLayer, IsDestroyedWithCommandsInFlightWithoutWaitingForTheDaemo
   EXPECT_TRUE(destroyedInTime(client)) << "teardown waited for the daemon";
   EXPECT_EQ(control().GetCalls().size(), 1u) << "a command waiting behind the blocked one was sent";
   EXPECT_EQ(Unreleased(probes), 0u) << "params of a cancelled or discarded command leaked";
-  for (const Ends& end : inFlight) EXPECT_EQ(end.Kinds().size(), 1u) << "not ended exactly once";
+  for (const Ends& end : inFlight) EXPECT_EQ(end.Items().size(), 1u) << "not ended exactly once";
 
   // Commands held in the pool are discarded, and told so before the destructor returns.
   control().ReleaseName();
@@ -317,7 +289,7 @@ TEST_F(TheCommandLayer, IsDestroyedWithCommandsInFlightWithoutWaitingForTheDaemo
   issueAll(*client, held);
   for (const Ends& end : held) ASSERT_TRUE(end.WaitFor({End::kHeld}));
   EXPECT_TRUE(destroyedInTime(client)) << "teardown waited for the daemon";
-  for (const Ends& end : held) EXPECT_EQ(end.Kinds(), (std::vector<End>{End::kHeld, End::kDiscarded}));
+  for (const Ends& end : held) EXPECT_EQ(end.Items(), (std::vector<End>{End::kHeld, End::kDiscarded}));
   EXPECT_EQ(Unreleased(probes), 0u) << "params of a held command leaked";
 
   // A delivery handler still running when destruction starts uses the client: waited for.

@@ -26,26 +26,6 @@ using Available = std::pair<int, bool>;
 using Texts = std::vector<std::string>;
 using Hook = dbus::client::testing::Point;
 
-template <typename T>
-class Recorder {
- public:
-  void Add(T value) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    items_.push_back(std::move(value));
-  }
-  std::vector<T> Items() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return items_;
-  }
-  bool WaitForSize(std::size_t size) const {
-    return WaitUntil([&] { return Items().size() >= size; });
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<T> items_;
-};
-
 // Every outcome a Launcher delivered, with the thread it came on.
 class Outcomes : public Recorder<std::pair<CommandOutcome, std::thread::id>> {
  public:

@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 namespace zv_client {
 namespace testing {
@@ -18,6 +20,30 @@ inline bool WaitUntil(const std::function<bool()>& predicate,
   }
   return true;
 }
+
+// What callbacks on any thread reported, in order.
+template <typename T>
+class Recorder {
+ public:
+  void Add(T value) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    items_.push_back(std::move(value));
+  }
+  std::vector<T> Items() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return items_;
+  }
+  bool WaitForSize(std::size_t size) const {
+    return WaitUntil([&] { return Items().size() >= size; });
+  }
+  bool WaitFor(const std::vector<T>& expected) const {
+    return WaitUntil([&] { return Items() == expected; });
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<T> items_;  // guarded by mutex_
+};
 
 }  // namespace testing
 }  // namespace zv_client
