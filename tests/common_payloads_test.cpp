@@ -59,7 +59,6 @@ class Payloads : public ::testing::Test {
 };
 
 GVariantPtr Parse(const char* text) { return SinkVariant(g_variant_new_parsed(text)); }
-std::string TypeOf(GVariant* value) { return g_variant_get_type_string(value); }
 // (id, name) of each profile, for whole-list comparisons.
 std::vector<std::pair<int, std::string>> Pairs(const std::vector<SessionProfile>& profiles) {
   std::vector<std::pair<int, std::string>> pairs;
@@ -81,16 +80,6 @@ GVariantPtr ListOf(const std::vector<std::string>& elements) {
   for (const std::string& element : elements) g_variant_builder_add_value(&builder, common::StringToVariant(element));
   GVariant* inner = g_variant_builder_end(&builder);
   return SinkVariant(g_variant_new_tuple(&inner, 1));
-}
-
-// Type and byte-array text of a floating byte-array payload, which this takes.
-std::string Bytes(GVariant* made) {
-  EXPECT_TRUE(g_variant_is_floating(made));
-  GVariantPtr payload = SinkVariant(made);
-  GVariantPtr array(g_variant_get_child_value(payload.get(), 0));
-  gsize length = 0;
-  const auto* bytes = static_cast<const char*>(g_variant_get_fixed_array(array.get(), &length, 1));
-  return TypeOf(payload.get()) + " " + std::string(bytes != nullptr ? bytes : "", length);
 }
 
 // A number that does not parse fails like std::stoul or std::stoi (another exception fails the test).
@@ -151,36 +140,32 @@ TEST_F(Payloads, ProfileListNumbersAreReadLikeStoulAndStoi) {
 }
 
 TEST_F(Payloads, ByteArrayPayloadsCarryBase64AndSixteenBitNumbers) {
-  EXPECT_EQ(Bytes(common::ProfileWithStatusToVariant({"abc", 3}, 2)), "(ayqq) YWJj");
-  EXPECT_EQ(Bytes(common::SerializeIntoGVariant("abc", 101)), "(ayq) YWJj");
-  EXPECT_EQ(Bytes(common::SerializeIntoGVariant("abc")), "(ay) YWJj");
-  EXPECT_EQ(Bytes(common::SerializeIntoGVariant("", 5)), "(ayq) ");
-
-  // Numbers are cut to 16 bits on the way in, unsigned on the way out.
-  struct Case {
-    std::string name;
-    int in, status, expectedId, expectedStatus;
-  };
-  for (const Case& c : {Case{"abc", 3, 2, 3, 2}, Case{"abc", 65536, -1, 0, 65535}, Case{"abc", -1, 65537, 65535, 1},
-                        Case{kAwkwardBytes[0], 9, 4, 9, 4}, Case{kAwkwardBytes[1], 65536 + 42, 0, 42, 0},
-                        Case{kAwkwardBytes[2], 1, 1, 1, 1}, Case{kAwkwardBytes[3], 1, 1, 1, 1}}) {
+  // The base64 text of abc (YWJj) without a NUL; numbers cut to 16 bits on the way in, read unsigned.
+  const std::string abc = "[byte 0x59, 0x57, 0x4a, 0x6a]";
+  EXPECT_EQ(Print(common::ProfileWithStatusToVariant({"abc", 3}, 2)), "(" + abc + ", uint16 3, uint16 2)");
+  EXPECT_EQ(Print(common::ProfileWithStatusToVariant({"abc", 65536}, -1)), "(" + abc + ", uint16 0, uint16 65535)");
+  EXPECT_EQ(Print(common::SerializeIntoGVariant("abc", -1)), "(" + abc + ", uint16 65535)");
+  EXPECT_EQ(Print(common::SerializeIntoGVariant("abc")), "(" + abc + ",)");
+  EXPECT_EQ(Print(common::SerializeIntoGVariant("", 5)), "(@ay [], uint16 5)");
+  for (const std::string& name : kAwkwardBytes) {
     SessionProfile profile;
     int status = 0, number = 0;
     std::string data, alone;
-    GVariantPtr withStatus = SinkVariant(common::ProfileWithStatusToVariant({c.name, c.in}, c.status));
+    GVariantPtr withStatus = SinkVariant(common::ProfileWithStatusToVariant({name, 65536 + 42}, 7));
     ASSERT_TRUE(common::VariantToProfileWithStatus(withStatus.get(), profile, status));
-    EXPECT_EQ(std::tie(profile.name, profile.id, status), std::tie(c.name, c.expectedId, c.expectedStatus));
-    GVariantPtr withNumber = SinkVariant(common::SerializeIntoGVariant(c.name, c.in));
+    EXPECT_EQ(std::tie(profile.name, profile.id, status), std::make_tuple(name, 42, 7));
+    GVariantPtr withNumber = SinkVariant(common::SerializeIntoGVariant(name, -1));
     ASSERT_TRUE(common::DeserializeDataFromGVariant(withNumber.get(), data, number));
-    EXPECT_EQ(std::tie(data, number), std::tie(c.name, c.expectedId));
-    ASSERT_TRUE(common::DeserializeDataFromGVariant(SinkVariant(common::SerializeIntoGVariant(c.name)).get(), alone));
-    EXPECT_EQ(alone, c.name);
+    EXPECT_EQ(std::tie(data, number), std::make_tuple(name, 65535));
+    ASSERT_TRUE(common::DeserializeDataFromGVariant(SinkVariant(common::SerializeIntoGVariant(name)).get(), alone));
+    EXPECT_EQ(alone, name);
   }
-  // An array of characters outside the alphabet still decodes, to nothing.
+  // An array of characters outside the alphabet still decodes, to nothing; an empty one does not.
   std::string data = "x";
   int number = 0;
   ASSERT_TRUE(common::DeserializeDataFromGVariant(Parse("(b'!!!!', uint16 3)").get(), data, number));
   EXPECT_EQ(std::tie(data, number), std::make_tuple(""s, 3));
+  EXPECT_FALSE(common::DeserializeDataFromGVariant(SinkVariant(common::SerializeIntoGVariant("", 5)).get(), data));
 }
 
 TEST_F(Payloads, ProfileListReadsOnlyWholePairs) {

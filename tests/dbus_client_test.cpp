@@ -18,26 +18,16 @@ using namespace dbus::client;
 
 // What a client's ready callback was told, in order ("TFT"); it runs on the loop thread. The
 // callback keeps the history itself: the callable installed must be the one that runs.
-struct ReadyLog {
-  std::mutex mutex;
-  std::string events;  // guarded by mutex
+struct ReadyLog : Recorder<std::string> {
   void Watch(DBusClient& client) {
-    std::unique_lock<std::mutex> lock(mutex);
-    std::string start = events;
-    lock.unlock();
-    client.SetIpcReadyCallback([this, history = std::move(start)](bool ready) mutable {
-      history += ready ? 'T' : 'F';
-      std::lock_guard<std::mutex> guard(mutex);
-      events = history;
+    const std::vector<std::string> seen = Items();
+    client.SetIpcReadyCallback([this, history = seen.empty() ? "" : seen.back()](bool ready) mutable {
+      Add(history += ready ? 'T' : 'F');
     });
   }
-  bool WaitFor(const std::string& expected) {
-    std::string seen;
-    const bool reached = WaitUntil([&] {
-      std::lock_guard<std::mutex> lock(mutex);
-      return (seen = events) == expected;
-    });
-    EXPECT_TRUE(reached) << seen;
+  bool WaitFor(const std::string& expected) const {
+    const bool reached = WaitUntil([&] { return !Items().empty() && Items().back() == expected; });
+    EXPECT_TRUE(reached) << (Items().empty() ? "nothing" : Items().back());
     return reached;
   }
 };

@@ -52,6 +52,13 @@ std::vector<std::string> Lines(const std::string& out) {
 
 bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+std::vector<std::string> Split(const std::string& line) {
+  std::istringstream stream(line);
+  std::vector<std::string> words;
+  for (std::string word; stream >> word;) words.push_back(word);
+  return words;
+}
+
 class ZorvelctlTest : public BusTest {
  protected:
   SimOptions SimArguments() const override {
@@ -123,18 +130,10 @@ TEST_F(ZorvelctlTest, ExitCodeThreeWhenTheBusOrTheDaemonIsMissingAndTwoOnUsageEr
   const Outcome noBus = Zorvelctl({"--json", "profiles"}, "unix:path=/nonexistent/bus");
   EXPECT_EQ(noBus.exitCode, 3) << noBus.out << noBus.err;
   EXPECT_TRUE(Has(noBus.out, "unix:path=/nonexistent/bus") && Has(noBus.out, "DBUS_SYSTEM_BUS_ADDRESS")) << noBus.out;
-  for (const std::vector<std::string>& arguments :
-       std::vector<std::vector<std::string>>{{},
-                                             {"frobnicate"},
-                                             {"connect"},
-                                             {"connect", "abc"},
-                                             {"delete", "1", "2"},
-                                             {"profiles", "--timeout"},
-                                             {"profiles", "--timeout", "-1"},
-                                             {"profiles", "--online-check"},
-                                             {"--bogus", "monitor"}}) {
-    const Outcome run = Zorvelctl(arguments);
-    EXPECT_EQ(run.exitCode, 2) << ::testing::PrintToString(arguments) << run.err;
+  for (const char* line : {"", "frobnicate", "connect", "connect abc", "delete 1 2", "profiles --timeout",
+                           "profiles --timeout -1", "profiles --online-check", "--bogus monitor"}) {
+    const Outcome run = Zorvelctl(Split(line));
+    EXPECT_EQ(run.exitCode, 2) << line << ": " << run.err;
     EXPECT_TRUE(Has(run.err, "--help")) << run.err;
   }
   const Outcome help = Zorvelctl({"--help"});
