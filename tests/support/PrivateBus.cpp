@@ -13,12 +13,9 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/Processes.h"
+#include <dbus/client/CallbackAnchor.h>
 
-#if defined(__SANITIZE_THREAD__)
-extern "C" void __tsan_acquire(void* address);
-extern "C" void __tsan_release(void* address);
-#endif
+#include "harness/Processes.h"
 
 namespace zv_client {
 namespace testing {
@@ -128,22 +125,6 @@ class BusEnvironment : public ::testing::Environment {
 
 }  // namespace
 
-void PublishToGLib(const void* handle) {
-#if defined(__SANITIZE_THREAD__)
-  __tsan_release(const_cast<void*>(handle));
-#else
-  (void)handle;
-#endif
-}
-
-void ReceiveFromGLib(const void* handle) {
-#if defined(__SANITIZE_THREAD__)
-  __tsan_acquire(const_cast<void*>(handle));
-#else
-  (void)handle;
-#endif
-}
-
 const std::string& BusAddress() { return PrivateBus::Get().address(); }
 
 common::GObjectPtr<GDBusConnection> OpenBusConnection() { return Open(BusAddress()); }
@@ -160,11 +141,11 @@ void RunOnMainLoop(const std::function<void()>& function) {
     bool finished = false;
   } job{&function, {}, {}, false};
   PrivateBus::Get();
-  PublishToGLib(&job);
+  dbus::client::detail::PublishHandle(&job);
   g_main_context_invoke(
       g_main_context_default(),
       [](gpointer data) -> gboolean {
-        ReceiveFromGLib(data);
+        dbus::client::detail::ReceiveHandle(data);
         auto* pending = static_cast<Job*>(data);
         (*pending->function)();
         std::lock_guard<std::mutex> lock(pending->mutex);

@@ -36,11 +36,5 @@ std::string NameOwner(const std::string& name);
 // else is dispatched from the default main context meanwhile.
 void RunOnMainLoop(const std::function<void()>& function);
 
-// ThreadSanitizer cannot see GLib's own locking, so data handed to a callback
-// that GLib runs on another thread looks unordered to it: call PublishToGLib(p)
-// before handing `p` over and ReceiveFromGLib(p) first thing in the callback.
-void PublishToGLib(const void* handle);
-void ReceiveFromGLib(const void* handle);
-
 }  // namespace testing
 }  // namespace zv_client

@@ -118,12 +118,10 @@ std::vector<SimCall> SimControl::GetCalls() {
   if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a(tssv))"))) return calls;
   GVariantIter* iter = nullptr;
   g_variant_get(reply.get(), "(a(tssv))", &iter);
-  guint64 seq = 0;
   const gchar* method = nullptr;
-  const gchar* sender = nullptr;
   GVariant* args = nullptr;
-  while (g_variant_iter_loop(iter, "(t&s&sv)", &seq, &method, &sender, &args)) {
-    calls.push_back(SimCall{seq, method, sender, common::GVariantPtr(g_variant_ref(args))});
+  while (g_variant_iter_loop(iter, "(t&s&sv)", nullptr, &method, nullptr, &args)) {
+    calls.push_back(SimCall{method, common::GVariantPtr(g_variant_ref(args))});
   }
   g_variant_iter_free(iter);
   return calls;

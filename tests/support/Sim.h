@@ -52,9 +52,7 @@ class SimProcess {
 };
 
 struct SimCall {
-  std::uint64_t seq = 0;
   std::string method;
-  std::string sender;
   common::GVariantPtr args;  // the arguments tuple
 };
 

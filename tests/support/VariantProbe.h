@@ -5,7 +5,7 @@
 
 #include <gio/gio.h>
 
-#include "support/PrivateBus.h"
+#include <dbus/client/CallbackAnchor.h>
 
 namespace zv_client {
 namespace testing {
@@ -17,7 +17,7 @@ class VariantProbe {
  public:
   explicit VariantProbe(gint32 value) : freed_(std::make_shared<std::atomic<bool>>(false)) {
     auto* payload = new Payload{value, freed_};
-    PublishToGLib(payload);  // the last reference may go on a GDBus worker thread
+    dbus::client::detail::PublishHandle(payload);  // the last reference may go on a GDBus worker thread
     GBytes* bytes = g_bytes_new_with_free_func(&payload->value, sizeof payload->value, &Release, payload);
     variant_ = g_variant_new_from_bytes(G_VARIANT_TYPE("(i)"), bytes, TRUE);
     g_bytes_unref(bytes);
@@ -32,7 +32,7 @@ class VariantProbe {
     std::shared_ptr<std::atomic<bool>> freed;
   };
   static void Release(gpointer data) {
-    ReceiveFromGLib(data);
+    dbus::client::detail::ReceiveHandle(data);
     auto* payload = static_cast<Payload*>(data);
     *payload->freed = true;
     delete payload;
