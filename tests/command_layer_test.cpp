@@ -121,8 +121,7 @@ TEST_F(TheCommandLayer, RunsEachTableCommandOnAThreadOfItsOwn) {
   EXPECT_EQ(Calls(*client), Strings{"readProfiles()"});
   EXPECT_EQ(slot, sentinel);
   g_variant_unref(sentinel);
-  EXPECT_NE(ranOn, std::thread::id());
-  EXPECT_NE(ranOn, std::this_thread::get_id());
+  EXPECT_TRUE(ranOn != std::thread::id() && ranOn != std::this_thread::get_id());
 }
 
 TEST_F(TheCommandLayer, RestoresALostLinkByItselfAndReplaysHeldCommandsInAcceptanceOrder) {
@@ -269,8 +268,7 @@ TEST_F(TheCommandLayer, IsDestroyedWithCommandsInFlightWithoutWaitingForTheDaemo
   };
   // Bounded by the deadline, far below the reply due in a minute.
   const auto destroyedInTime = [](std::unique_ptr<DBusClientAsync>& client) {
-    auto done = std::async(std::launch::async, [&] { client.reset(); });
-    return WaitUntil([&] { return done.wait_for(0s) == std::future_status::ready; });
+    return FinishesInBoundedTime([&] { client.reset(); });
   };
 
   // One command blocked on a late reply, six behind it: teardown cancels and discards.
@@ -400,11 +398,7 @@ TEST_F(CommandLayerSoak, EndsEveryCommandOnceUnderRandomCommandsRestartsAndSigna
     const int kind = round[disruptions % kKinds];
     if (kind == kNameRestart) control().Restart();
     if (kind == kNameGone) control().ReleaseName(), settle(false), control().AcquireName();
-    if (kind == kProcessRestart) {
-      sim().Kill();
-      settle(false);
-      ASSERT_TRUE(sim().Start());
-    }
+    if (kind == kProcessRestart && (sim().Kill(), settle(false), !sim().Start())) FAIL() << "no daemon came back";
     if (kind == kFound) control().Emit("onFound", common::SerializeIntoGVariant("Storm", 9));
     if (kind == kClosing) control().Emit("onDbusClosing", g_variant_new("(i)", 0));  // its handler disconnects
     if (kind == kDisconnect) client->Disconnect();

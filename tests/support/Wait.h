@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -19,6 +20,14 @@ inline bool WaitUntil(const std::function<bool()>& predicate,
     std::this_thread::sleep_for(std::chrono::milliseconds(3));
   }
   return true;
+}
+
+// False when `work` did not finish within WaitUntil's deadline (a deadlock, or a wait for the daemon).
+inline bool FinishesInBoundedTime(std::function<void()> work) {
+  auto done = std::async(std::launch::async, std::move(work));
+  const bool finished = WaitUntil([&] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+  if (finished) done.get();
+  return finished;
 }
 
 // What callbacks on any thread reported, in order.
