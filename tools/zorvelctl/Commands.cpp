@@ -128,15 +128,27 @@ int RunProfiles(Session& session, Launcher& launcher) {
                         count == 0 ? "no stored profiles" : std::to_string(count) + " stored profile(s)");
 }
 
+// Issues the command through `issue`, waits for its outcome and judges it:
+// the exit code when it failed or was refused (the run is over), nothing when
+// the daemon answered 0.
+template <typename Issue>
+std::optional<int> Refused(Session& session, Event& summary, const std::string& method, int id, Issue issue) {
+  CommandId command = 0;
+  issue(&command);
+  const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
+  if (!outcome) return NoOutcome(session, std::move(summary), Subject(method, id), command);
+  if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
+    return session.Finish(std::move(summary), kExitFailed, problem);
+  }
+  return std::nullopt;
+}
+
 int RunConnect(Session& session, Launcher& launcher) {
   const int id = session.options().id;
   Event summary = Event("summary").Int("id", id);
-  CommandId command = 0;
-  launcher.Connect(id, &command);
-  const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
-  if (!outcome) return NoOutcome(session, std::move(summary), Subject(kMethodConnect, id), command);
-  if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
-    return session.Finish(std::move(summary), kExitFailed, problem);
+  if (const auto code =
+          Refused(session, summary, kMethodConnect, id, [&](CommandId* command) { launcher.Connect(id, command); })) {
+    return *code;
   }
 
   // Answered 0: the daemon reports the connection by an event (which may
@@ -169,12 +181,9 @@ int RunConnect(Session& session, Launcher& launcher) {
 int RunDelete(Session& session, Launcher& launcher) {
   const int id = session.options().id;
   Event summary = Event("summary").Int("id", id);
-  CommandId command = 0;
-  launcher.DeleteStoredProfile(id, &command);
-  const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
-  if (!outcome) return NoOutcome(session, std::move(summary), Subject(kMethodDeleteStoredProfile, id), command);
-  if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
-    return session.Finish(std::move(summary), kExitFailed, problem);
+  if (const auto code = Refused(session, summary, kMethodDeleteStoredProfile, id,
+                                [&](CommandId* command) { launcher.DeleteStoredProfile(id, command); })) {
+    return *code;
   }
   return session.Finish(std::move(summary), kExitOk, "stored profile " + std::to_string(id) + " deleted");
 }
