@@ -101,7 +101,7 @@ class TheCommandLayer : public BusTest {
   Recorder<std::pair<int, std::string>> found_;
 };
 
-TEST_F(TheCommandLayer, RunsEachTableCommandOnAThreadOfItsOwn) {
+TEST_F(TheCommandLayer, RunsEachCommandOnAThreadOfItsOwn) {
   auto client = NewClient();
   // Unknown names, also one that differs only in case, start nothing; their params are released.
   VariantProbe refused(1);
@@ -124,7 +124,7 @@ TEST_F(TheCommandLayer, RunsEachTableCommandOnAThreadOfItsOwn) {
   EXPECT_TRUE(ranOn != std::thread::id() && ranOn != std::this_thread::get_id());
 }
 
-TEST_F(TheCommandLayer, RestoresALostLinkByItselfAndReplaysHeldCommandsInAcceptanceOrder) {
+TEST_F(TheCommandLayer, RestoresALostLinkAndReplaysInOrder) {
   std::array<Ends, 4> ends;
   auto client = NewClient();
   // The process dies with nothing held (the call in flight fails and is not sent again): the link
@@ -152,7 +152,7 @@ TEST_F(TheCommandLayer, RestoresALostLinkByItselfAndReplaysHeldCommandsInAccepta
   EXPECT_EQ(client->GetCounts().replayed, 4u);
 }
 
-TEST_F(TheCommandLayer, ReconnectsAsSoonAsTheDaemonsNameHasANewOwnerNotAtTheNextRetry) {
+TEST_F(TheCommandLayer, ReconnectsWhenTheNameGetsAnOwner) {
   auto client = NewClient();
   AttemptHook attempts;
   for (int round = 1; round <= 3; ++round) {  // a name passed on at once, and one that stays away a while
@@ -170,7 +170,7 @@ TEST_F(TheCommandLayer, ReconnectsAsSoonAsTheDaemonsNameHasANewOwnerNotAtTheNext
   EXPECT_GE(attempts.byNameWatch(), 2) << logs().Dump();
 }
 
-TEST_F(TheCommandLayer, StaysConnectedWhenARestorationRunsRightAfterAConnectAttemptSucceeded) {
+TEST_F(TheCommandLayer, StaysConnectedWhenARestorationFollowsAConnect) {
   Ends ends;
   // The interleaving: an attempt connects; a restoration asked for before (a command found no link)
   // runs its Reconnect; only then the attempt resets the timer. Without the link lock the
@@ -192,7 +192,7 @@ TEST_F(TheCommandLayer, StaysConnectedWhenARestorationRunsRightAfterAConnectAtte
   EXPECT_EQ(ends.Items(), std::vector<End>{End::kRan});
 }
 
-TEST_F(TheCommandLayer, HoldsCommandsAfterDisconnectUntilTheNameHasANewOwner) {
+TEST_F(TheCommandLayer, HoldsCommandsAfterDisconnectUntilANewOwner) {
   Ends ends;
   auto client = NewClient();
   AttemptHook attempts;
@@ -212,7 +212,7 @@ TEST_F(TheCommandLayer, HoldsCommandsAfterDisconnectUntilTheNameHasANewOwner) {
   EXPECT_EQ(Calls(*client), Strings{"deinit()"});
 }
 
-TEST_F(TheCommandLayer, DropsACommandThatRepeatsTheOneJustRunOrOneHeld) {
+TEST_F(TheCommandLayer, DropsRepeatedCommands) {
   std::list<Ends> ends;  // told until the client goes
   auto client = NewClient();
   const auto run = [&](const std::string& method, GVariant* params, int timeout = -1) {
@@ -240,7 +240,7 @@ TEST_F(TheCommandLayer, DropsACommandThatRepeatsTheOneJustRunOrOneHeld) {
                                      "deleteStoredProfile(2,)"}));
 }
 
-TEST_F(TheCommandLayer, SurvivesDeliveryHandlersThatDisconnectWhileTheDaemonAnnouncesItsClosing) {
+TEST_F(TheCommandLayer, SurvivesHandlersThatDisconnectDuringDeliveries) {
   // onDbusClosing holds the dispatch while a read is answered; its onFound handlers disconnect too.
   std::atomic<int> delivered{0};
   std::atomic<bool> closed{false}, readWhileClosing{false};
@@ -259,7 +259,7 @@ TEST_F(TheCommandLayer, SurvivesDeliveryHandlersThatDisconnectWhileTheDaemonAnno
   EXPECT_TRUE(readWhileClosing);
 }
 
-TEST_F(TheCommandLayer, IsDestroyedWithCommandsInFlightWithoutWaitingForTheDaemon) {
+TEST_F(TheCommandLayer, TeardownDoesNotWaitForTheDaemon) {
   Probes probes;
   std::array<Ends, 7> inFlight, held;
   const auto issueAll = [&](DBusClientAsync& client, std::array<Ends, 7>& ends) {
@@ -309,7 +309,7 @@ TEST_F(TheCommandLayer, IsDestroyedWithCommandsInFlightWithoutWaitingForTheDaemo
   EXPECT_GE(usedDuringTeardown, 1);
 }
 
-TEST_F(TheCommandLayer, SurvivesClientsCreatedAndDestroyedWhileTheDaemonRestarts) {
+TEST_F(TheCommandLayer, SurvivesClientsDestroyedDuringRestarts) {
   std::atomic<bool> stop{false};
   std::atomic<int> restarts{0};
   std::thread churn([&] {
@@ -344,7 +344,7 @@ TEST_F(TheCommandLayer, SurvivesClientsCreatedAndDestroyedWhileTheDaemonRestarts
 
 using CommandLayerSoak = TheCommandLayer;
 
-TEST_F(CommandLayerSoak, EndsEveryCommandOnceUnderRandomCommandsRestartsAndSignals) {
+TEST_F(CommandLayerSoak, EndsEveryCommandOnce) {
   const char* text = std::getenv("ZORVEL_SOAK_SECONDS");
   const double seconds = text != nullptr && std::atof(text) > 0.0 ? std::atof(text) : 3.0;
   const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));

@@ -93,7 +93,7 @@ void ExpectThrow(const std::vector<std::string>& elements, const char* what) {
   }
 }
 
-TEST_F(Payloads, IntegerAndTextPayloadsCarryEvery32BitValueAndEveryByte) {
+TEST_F(Payloads, IntegerAndTextPayloadsCarryAnyValue) {
   for (int value : {INT_MIN, -1, 0, 1, 65536, INT_MAX}) {
     EXPECT_EQ(Print(common::IntegerToVariant(value)), "(" + std::to_string(value) + ",)");
     EXPECT_EQ(common::VariantToInteger(SinkVariant(common::IntegerToVariant(value)).get()), value);
@@ -115,7 +115,7 @@ TEST_F(Payloads, IntegerAndTextPayloadsCarryEvery32BitValueAndEveryByte) {
   EXPECT_EQ(common::base64_encode(nullptr, 4), "");
 }
 
-TEST_F(Payloads, ProfileListHasItsGoldenWireFormAndKeepsOrderNegativeIdsAndAnyBytes) {
+TEST_F(Payloads, ProfileListKeepsItsWireFormAndAnyIdOrBytes) {
   EXPECT_EQ(Print(common::ProfilesToVariant({{"Living room", 7}})), "((('Mg==',), ('Nw==',), ('TGl2aW5nIHJvb20=',)),)");
   GVariantPtr none = SinkVariant(common::ProfilesToVariant({}));
   EXPECT_EQ(Text(none.get()), "((('MA==',),),)");
@@ -170,7 +170,8 @@ TEST_F(Payloads, ByteArrayPayloadsCarryBase64AndSixteenBitNumbers) {
 
 TEST_F(Payloads, ProfileListReadsOnlyWholePairs) {
   // Other shapes (fuzzed along with every other decoder) give an empty list; a lone id is not read.
-  for (const char* text : {"(7,)", "((),)", "[('MQ==',)]"}) EXPECT_TRUE(common::VariantToProfiles(Parse(text).get()).empty());
+  for (const char* text : {"(7,)", "((),)", "[('MQ==',)]"})
+    EXPECT_TRUE(common::VariantToProfiles(Parse(text).get()).empty());
   EXPECT_EQ(Pairs(common::VariantToProfiles(ListOf({"3", "1", "a", "2"}).get())),
             (std::vector<std::pair<int, std::string>>{{1, "a"}}));
 }
@@ -204,7 +205,7 @@ class SystemLog : public ::testing::Test {
   void TearDown() override { platform::SetLogSink({}); }
 };
 
-TEST_F(SystemLog, SinksGetWholeLinesAndMayBeReplacedAnyTimeEvenByThemselves) {
+TEST_F(SystemLog, SinksMayBeReplacedAnyTime) {
   auto first = std::make_shared<Recorder>(), second = std::make_shared<Recorder>();
   platform::SetLogSink(Recorder::SinkInto(first));
   const std::string longText(5000, 'x');  // longer than any fixed buffer the formatting might start with
@@ -326,7 +327,7 @@ int CheckJournalContract() {
   return problems == 0 && arrived ? 0 : 1;
 }
 
-TEST_F(SystemLog, TheJournalGetsEveryLineAtTheLevelWithItsPrefixBufferPriorityTagAndSiteOnceItListens) {
+TEST_F(SystemLog, JournalEntriesCarryTheFieldsOfTheLogContract) {
   using platform::detail::LogLevelFromText;  // ZORVEL_LOG_LEVEL's values
   EXPECT_EQ(
       std::make_tuple(LogLevelFromText("warning", LogPriority::kInfo), LogLevelFromText("ERROR", LogPriority::kInfo),
@@ -350,7 +351,7 @@ TEST_F(SystemLog, TheJournalGetsEveryLineAtTheLevelWithItsPrefixBufferPriorityTa
       << "the journal got other fields (above); status " << status;
 }
 
-TEST(ThreadId, IsStablePerThreadAndDistinctAcrossThreadsAliveTogether) {
+TEST(ThreadId, IsStablePerThreadAndDistinctAcrossThreads) {
   std::string ids[3] = {logt::thread_id()};
   std::atomic<int> started{0};
   auto body = [&](int index) {

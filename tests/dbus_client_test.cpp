@@ -21,9 +21,8 @@ using namespace dbus::client;
 struct ReadyLog : Recorder<std::string> {
   void Watch(DBusClient& client) {
     const std::vector<std::string> seen = Items();
-    client.SetIpcReadyCallback([this, history = seen.empty() ? "" : seen.back()](bool ready) mutable {
-      Add(history += ready ? 'T' : 'F');
-    });
+    client.SetIpcReadyCallback(
+        [this, history = seen.empty() ? "" : seen.back()](bool ready) mutable { Add(history += ready ? 'T' : 'F'); });
   }
   bool WaitFor(const std::string& expected) const {
     const bool reached = WaitUntil([&] { return !Items().empty() && Items().back() == expected; });
@@ -53,7 +52,7 @@ class DBusClientTest : public BusTest {
   ReadyLog ready_;
 };
 
-TEST_F(DBusClientTest, CallsOnlyOnceTheWatcherReportedAndFollowsTheOwnerThroughARestart) {
+TEST_F(DBusClientTest, CallsOnlyOnceTheWatcherReportedTheOwner) {
   DBusClient client;
   ready_.Watch(client);
   GVariant* untouched = reinterpret_cast<GVariant*>(&ready_);
@@ -74,7 +73,7 @@ TEST_F(DBusClientTest, CallsOnlyOnceTheWatcherReportedAndFollowsTheOwnerThroughA
   EXPECT_TRUE(InitWorks(client)) << logs().Dump();
 }
 
-TEST_F(DBusClientTest, ConnectRefusesAMissingOrRememberedOwnerAndKeepsHandlersAcrossReconnection) {
+TEST_F(DBusClientTest, ConnectRefusesAMissingOrRememberedOwner) {
   std::atomic<int> received{0};
   DBusClient client;
   client.SetSignalCallback(kSignalOnServiceShutdown, [&](GVariant*) { ++received; });
@@ -134,7 +133,7 @@ TEST_F(DBusClientTest, CallSinksAFloatingArgumentAndReportsFailures) {
   EXPECT_TRUE(client.IsConnected());
 }
 
-TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
+TEST_F(DBusClientTest, RunsOnlyTheLatestHandler) {
   std::atomic<int> first{0}, markers{0};
   DBusClient client;
   ConnectReady(client, ready_);
@@ -155,7 +154,7 @@ TEST_F(DBusClientTest, RunsOnlyTheLatestHandlerAndSkipsMembersWithoutOne) {
   ASSERT_TRUE(WaitUntil([&] { return markers == 12; })) << markers;
 }
 
-TEST(SignalDispatch, HandleSignalBorrowsTheParametersAndLetsExceptionsThrough) {
+TEST(SignalDispatch, HandleSignalBorrowsAndRethrows) {
   LogCapture logs;
   DBusClient client;  // never connected: direct dispatch works all the same
   GVariant* seen = nullptr;
@@ -180,7 +179,7 @@ TEST(SignalDispatch, HandleSignalBorrowsTheParametersAndLetsExceptionsThrough) {
   EXPECT_EQ(runs, 3);
 }
 
-TEST_F(DBusClientTest, HandlersOfDifferentSignalsNeverOverlapYetOneMayDispatchAnotherOnItsThread) {
+TEST_F(DBusClientTest, HandlersNeverOverlapButMayNest) {
   std::atomic<int> active{0}, overlaps{0}, found{0}, cancelled{0};
   auto run = [&](std::atomic<int>& counter) {
     if (++active != 1) ++overlaps;

@@ -86,7 +86,7 @@ class LauncherTest : public BusTest {
   Outcomes outcomes_;
 };
 
-TEST_F(LauncherTest, CommandsStartNothingWithoutAClientOrWithoutInit) {
+TEST_F(LauncherTest, CommandsNeedAClientAndInit) {
   Launcher fresh;
   outcomes_.Attach(fresh);
   // Connect, StartBroadcast and StopBroadcast need a client; the others also Init on their Launcher.
@@ -122,7 +122,7 @@ TEST_F(LauncherTest, CommandsStartNothingWithoutAClientOrWithoutInit) {
   EXPECT_EQ(control().CallTexts(), Texts{"deinit()"});
 }
 
-TEST_F(LauncherTest, OutcomesCarryTheDaemonsAnswerOrItsError) {
+TEST_F(LauncherTest, OutcomesCarryTheAnswerOrTheError) {
   Launcher launcher;
   outcomes_.Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
@@ -155,7 +155,7 @@ TEST_F(LauncherTest, OutcomesCarryTheDaemonsAnswerOrItsError) {
                    "startBroadcast(0,)", "readProfiles()", "startBroadcast(0,)", "readProfiles()"}));
 }
 
-TEST_F(LauncherTest, StopAndStopBroadcastAnswerOnTheCallingThread) {
+TEST_F(LauncherTest, DirectCallsAnswerOnTheCallingThread) {
   control().ReleaseName();
   Launcher launcher;
   outcomes_.Attach(launcher);
@@ -181,7 +181,7 @@ TEST_F(LauncherTest, StopAndStopBroadcastAnswerOnTheCallingThread) {
   EXPECT_EQ(outcomes_.Final(stopBroadcast).status, CommandStatus::kTimedOut);
 }
 
-TEST_F(LauncherTest, StopBroadcastInsideADeliveryDiscardsWhatTheDaemonsVanishingHeld) {
+TEST_F(LauncherTest, StopBroadcastInADeliveryDiscardsHeldCommands) {
   // While the daemon is ready nothing is held; a vanishing between StopBroadcast's readiness test and
   // its lock is forced here. It runs inside an outcome's delivery on a command thread: the discarded
   // command is told on that thread, once that delivery ended, and after its "held".
@@ -211,7 +211,7 @@ TEST_F(LauncherTest, StopBroadcastInsideADeliveryDiscardsWhatTheDaemonsVanishing
   EXPECT_EQ(outcomes_.Find(held)->second, outcomes_.Find(trigger)->second);
 }
 
-TEST_F(LauncherTest, DestroyingTheLauncherWithCommandsInFlightIsBoundedAndSilentAfterwards) {
+TEST_F(LauncherTest, DestroyingIsBoundedAndSilentAfterwards) {
   std::atomic<bool> destroyed{false};
   std::atomic<int> lateCalls{0};
   auto launcher = std::make_unique<Launcher>();
@@ -233,7 +233,7 @@ TEST_F(LauncherTest, DestroyingTheLauncherWithCommandsInFlightIsBoundedAndSilent
   EXPECT_EQ(lateCalls, 0);
 }
 
-TEST_F(LauncherTest, ASecondInitReplacesTheClientUnderTheFirstsCommands) {
+TEST_F(LauncherTest, ASecondInitReplacesTheClient) {
   Recorder<Found> firstFound;
   Launcher first, second;
   first.SetOnInstanceFoundCallback([&](int id, const std::string& name) { firstFound.Add({id, name}); });
@@ -256,7 +256,7 @@ TEST_F(LauncherTest, ASecondInitReplacesTheClientUnderTheFirstsCommands) {
   EXPECT_TRUE(control().CallsOf("startBroadcast").empty());
 }
 
-TEST_F(LauncherTest, ReadProfilesListsEveryProfileInFullBeforeItsInstanceFoundCalls) {
+TEST_F(LauncherTest, ReadProfilesListsFullIdsFirst) {
   control().SetInstances({});  // a broadcast announces nothing: every instance found is a stored profile
   std::atomic<std::size_t> foundWhenListed{0};
   Launcher launcher;  // after what its callbacks touch
@@ -298,7 +298,7 @@ TEST_F(LauncherTest, ReadProfilesListsEveryProfileInFullBeforeItsInstanceFoundCa
             "org.freedesktop.DBus.Error.LimitsExceeded");
 }
 
-TEST_F(LauncherTest, SignalsReachTheirCallbacksAndMalformedOnesAreDropped) {
+TEST_F(LauncherTest, SignalsReachTheirCallbacks) {
   Launcher launcher;
   Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
@@ -354,7 +354,7 @@ TEST_F(LauncherTest, CallbacksKeepTheirStateBetweenEvents) {
   EXPECT_EQ(found_.Items(), (std::vector<Found>{{1, "1"}, {2, "2"}, {3, "3"}}));
 }
 
-TEST_F(LauncherTest, SettersMayRaceDeliveriesFromOtherThreads) {
+TEST_F(LauncherTest, SettersMayRaceDeliveries) {
   std::atomic<int> foundCalls{0}, cancelCalls{0}, availableCalls{0};
   std::atomic<bool> stop{false};
   Launcher launcher;
@@ -385,7 +385,7 @@ TEST_F(LauncherTest, SettersMayRaceDeliveriesFromOtherThreads) {
   setter.join();
 }
 
-TEST_F(LauncherTest, CallbacksMayCallTheLauncherEvenStopBroadcastDuringAStoredProfileDelivery) {
+TEST_F(LauncherTest, CallbacksMayCallTheLauncher) {
   std::atomic<int> startResult{1000}, readSize{1000}, stopResult{1000};
   std::atomic<bool> read{false};
   Launcher launcher;
@@ -413,7 +413,7 @@ TEST_F(LauncherTest, CallbacksMayCallTheLauncherEvenStopBroadcastDuringAStoredPr
   EXPECT_EQ(available_.Items(), (std::vector<Available>{{9, false}}));
 }
 
-TEST_F(LauncherTest, AListeningApplicationHearsARestartedDaemonWithoutIssuingACommand) {
+TEST_F(LauncherTest, ListenersHearARestartedDaemon) {
   Launcher launcher;
   Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
@@ -426,7 +426,7 @@ TEST_F(LauncherTest, AListeningApplicationHearsARestartedDaemonWithoutIssuingACo
   EXPECT_TRUE(control().GetCalls().empty());
 }
 
-TEST_F(LauncherTest, OutlivesARestartOfTheSystemBusAndSendsWhatWasHeldMeanwhile) {
+TEST_F(LauncherTest, OutlivesARestartOfTheSystemBus) {
   Launcher launcher;
   Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
@@ -442,7 +442,7 @@ TEST_F(LauncherTest, OutlivesARestartOfTheSystemBusAndSendsWhatWasHeldMeanwhile)
   EXPECT_EQ(available_.Items(), (std::vector<Available>{{8, true}}));
 }
 
-TEST_F(LauncherTest, CommandsOnOtherThreadsMayRaceTheClientsReplacement) {
+TEST_F(LauncherTest, CommandsMayRaceTheClientsReplacement) {
   std::atomic<bool> stop{false};
   std::atomic<std::uint64_t> issued{0};
   std::vector<std::thread> users;
@@ -468,7 +468,7 @@ TEST_F(LauncherTest, CommandsOnOtherThreadsMayRaceTheClientsReplacement) {
   for (std::thread& user : users) user.join();
 }
 
-TEST_F(LauncherTest, NeverPassesAStrangersSignalsToTheApplication) {
+TEST_F(LauncherTest, IgnoresStrangersSignals) {
   control().SetInstances({});
   Launcher launcher;
   Attach(launcher);

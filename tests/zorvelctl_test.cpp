@@ -66,7 +66,7 @@ class ZorvelctlTest : public BusTest {
   }
 };
 
-TEST_F(ZorvelctlTest, ProfilesJsonCarriesFullIdsAndNamesByteForByteAndAnEmptyStoreEndsTheRead) {
+TEST_F(ZorvelctlTest, ProfilesPrintsFullIdsAndRawNames) {
   const Outcome run = Zorvelctl({"--json", "profiles"});
   ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
   std::vector<std::string> lines = Lines(run.out);
@@ -86,7 +86,7 @@ TEST_F(ZorvelctlTest, ProfilesJsonCarriesFullIdsAndNamesByteForByteAndAnEmptySto
   EXPECT_EQ(lines[0].rfind(R"({"event":"summary","count":0,)", 0), 0u) << lines[0];
 }
 
-TEST_F(ZorvelctlTest, CommandsReportTheDaemonsAnswerOrErrorAndExitOneOnARefusal) {
+TEST_F(ZorvelctlTest, CommandsExitOneOnARefusalOrAnError) {
   const Outcome connect = Zorvelctl({"connect", "101"});
   EXPECT_EQ(connect.exitCode, 0) << connect.out << connect.err;
   EXPECT_TRUE(Has(connect.out, "connection-available id=101 available=true")) << connect.out;
@@ -116,7 +116,7 @@ TEST_F(ZorvelctlTest, CommandsReportTheDaemonsAnswerOrErrorAndExitOneOnARefusal)
   EXPECT_TRUE(Has(stopRefused.out, R"("answer":-5)")) << stopRefused.out;
 }
 
-TEST_F(ZorvelctlTest, ExitCodeThreeWhenTheBusOrTheDaemonIsMissingAndTwoOnUsageErrors) {
+TEST_F(ZorvelctlTest, ExitsThreeWithoutADaemonAndTwoOnUsageErrors) {
   control().ReleaseName();
   for (const char* command : {"profiles", "connect", "stop"}) {
     std::vector<std::string> arguments{"--json", "--timeout", "0.5", command};
