@@ -188,8 +188,8 @@ TEST_F(TheCommandLayer, StaysConnectedWhenARestorationFollowsAConnect) {
   restoration.get();
   EXPECT_TRUE(client->IsConnected());
   ASSERT_TRUE(client->Submit("init", nullptr, -1, ends.Observer()));
-  EXPECT_TRUE(control().WaitForCall("init")) << logs().Dump();
-  EXPECT_EQ(ends.Items(), std::vector<End>{End::kRan});
+  EXPECT_TRUE(ends.WaitFor({End::kRan})) << logs().Dump();
+  EXPECT_EQ(control().CallsOf("init").size(), 1u);
 }
 
 TEST_F(TheCommandLayer, HoldsCommandsAfterDisconnectUntilANewOwner) {
