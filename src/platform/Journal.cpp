@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -128,7 +129,11 @@ class Writer {
   void Send(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site, const char* message,
             std::size_t length) {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!started_) Start();
+    if (!started_ && !Start()) {  // no thread to be had: the line goes out from here
+      lock.unlock();
+      SendNow(buffer, priority, tag, site, message, length);
+      return;
+    }
     room_.wait(lock, [this] { return queue_.size() < kCapacity; });
     queue_.push_back(Entry{buffer, priority, tag, site, std::string(message, length)});
     const std::uint64_t mine = ++queued_;
@@ -160,9 +165,13 @@ class Writer {
     std::atexit([] { Get().Drain(); });
   }
 
-  void Start() {  // mutex_ held
-    started_ = true;
-    std::thread([this] { Run(); }).detach();
+  bool Start() {  // mutex_ held
+    try {
+      std::thread([this] { Run(); }).detach();
+    } catch (const std::exception&) {
+      return false;  // tried again with the next line
+    }
+    return started_ = true;
   }
 
   void Run() {
