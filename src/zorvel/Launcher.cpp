@@ -1,5 +1,6 @@
 #include <zorvel/Launcher.h>
 
+#include <atomic>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -88,9 +89,9 @@ void DescribeFailure(const GError* error, CommandOutcome& outcome) {
   outcome.errorMessage = error->message;
   if (g_dbus_error_is_remote_error(error)) {
     outcome.errorName = common::GCharPtr(g_dbus_error_get_remote_error(error)).get();
-    GError copy{error->domain, error->code, g_strdup(error->message)};
-    g_dbus_error_strip_remote_error(&copy);
-    outcome.errorMessage = common::GCharPtr(copy.message).get();
+    const common::GErrorPtr stripped(g_error_copy(error));
+    g_dbus_error_strip_remote_error(stripped.get());
+    outcome.errorMessage = stripped->message;
   } else if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
     outcome.status = CommandStatus::kTimedOut;
     outcome.errorName = "org.freedesktop.DBus.Error.NoReply";

@@ -29,7 +29,6 @@ class CommandIntake {
   template <typename StartThread>
   void Put(Command command, StartThread startThread);
   Command Take();
-  std::deque<Command> TakeAll();
 
  private:
   std::mutex mutex_;
@@ -53,11 +52,6 @@ inline CommandIntake::Command CommandIntake::Take() {
   Command command = std::move(waiting_.front());
   waiting_.pop_front();
   return command;
-}
-
-inline std::deque<CommandIntake::Command> CommandIntake::TakeAll() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return std::exchange(waiting_, {});
 }
 
 }  // namespace detail

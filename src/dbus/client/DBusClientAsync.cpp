@@ -88,10 +88,6 @@ DBusClientAsync::~DBusClientAsync() {
   gate_->WaitIdle();
   std::unique_lock<std::mutex> lock(poolMutex_);
   DiscardPool();
-  for (CommandData& command : intake_->TakeAll()) {  // only if a command thread died before taking its command
-    if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
-    Finish(command, CommandEnd{CommandEnd::Kind::kDiscarded});
-  }
   if (lastReply_ != nullptr) g_variant_unref(std::exchange(lastReply_, nullptr));
   DeliverQueued(lock);  // the discarded commands' ends
 }
@@ -190,6 +186,13 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
   ParamsRef params(nullptr);
   bool ended = false;  // Finish was called for the command (or its pooled copy took over)
   std::unique_lock<std::mutex> lock(poolMutex_, std::defer_lock);
+  // Ends the command without running or holding it.
+  const auto endHere = [&](CommandEnd::Kind kind) {
+    ended = true;
+    Finish(*command, CommandEnd{kind});
+    DeliverQueued(lock);
+    return 0;
+  };
   try {
     lock.lock();
     if (command == nullptr) {  // taken under poolMutex_, so the intake order is the execution order
@@ -198,12 +201,7 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
     }
     params.params = command->parameters.params;
     const std::string& method = command->parameters.method;
-    if (closing_) {
-      ended = true;
-      Finish(*command, CommandEnd{CommandEnd::Kind::kDiscarded});
-      DeliverQueued(lock);
-      return 0;
-    }
+    if (closing_) return endHere(CommandEnd::Kind::kDiscarded);
     ZV_LOGI_THD("ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]", method.c_str(), ready_ ? 1 : 0,
                 IsConnected() ? 1 : 0, commandPool_.size());
 
@@ -215,10 +213,7 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
     if (ready_ && commandPool_.empty()) {
       if (activeCommand_ == method) {
         ZV_LOGI_MAIN("Duplicate command in active %s", method.c_str());
-        ended = true;
-        Finish(*command, CommandEnd{CommandEnd::Kind::kDroppedAsRepeat});
-        DeliverQueued(lock);
-        return 0;
+        return endHere(CommandEnd::Kind::kDroppedAsRepeat);
       }
       activeCommand_ = method;
       ZV_LOGI("Ipc is ready - make call");
@@ -231,10 +226,7 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
                                     [&](const CommandData& pooled) { return pooled.parameters.method == method; });
       if (held || draining_) {  // teardown would discard it anyway
         if (held) ZV_LOGI_MAIN("Duplicate command in pool %s", method.c_str());
-        ended = true;
-        Finish(*command, CommandEnd{held ? CommandEnd::Kind::kDroppedAsRepeat : CommandEnd::Kind::kDiscarded});
-        DeliverQueued(lock);
-        return 0;
+        return endHere(held ? CommandEnd::Kind::kDroppedAsRepeat : CommandEnd::Kind::kDiscarded);
       }
       if (!ready_ && !IsConnected()) {
         ZV_LOGI("Ipc isn't connected - make restore");
@@ -254,19 +246,13 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
     }
     DeliverQueued(lock);
   } catch (const std::exception& exception) {
-    if (lock.owns_lock()) {
-      if (!ended && command != nullptr) {
-        CommandEnd end{CommandEnd::Kind::kFailedToRun};
-        end.failure = exception.what();
-        Finish(*command, std::move(end));
-      }
-      lock.unlock();
-      ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
-      lock.lock();
-      DeliverQueued(lock);
-    } else {
-      ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
+    if (lock.owns_lock() && !ended && command != nullptr) {
+      CommandEnd end{CommandEnd::Kind::kFailedToRun};
+      end.failure = exception.what();
+      Finish(*command, std::move(end));
     }
+    ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
+    if (lock.owns_lock()) DeliverQueued(lock);
     return -1;
   }
   ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", command->parameters.method.c_str());
@@ -404,7 +390,7 @@ void DBusClientAsync::OnDaemonNameAppeared(GDBusConnection* /*connection*/, cons
   {
     // The watch may have been stopped after GLib queued this report.
     std::lock_guard<std::mutex> lock(self->timerMutex_);
-    if (self->nameWatchId_ == 0 || self->connectTimerId_ == 0) return;
+    if (self->nameWatchId_ == 0) return;
   }
   self->AttemptConnect(false);
 }
@@ -434,13 +420,18 @@ void DBusClientAsync::StartNameWatch() {
                                                 &DBusClient::FreeCallbackHandle);
 }
 
+void DBusClientAsync::ArmRestoration() {
+  Connect();
+  StartNameWatch();
+}
+
 void DBusClientAsync::ResetTimer(bool remove) {
   ZV_LOGI("Reset timer (remove: %d)", remove ? 1 : 0);
   GSource* source = nullptr;
   guint watch = 0;
   {
     std::lock_guard<std::mutex> lock(timerMutex_);
-    if (remove && connectTimerId_ == 0 && connectTimerSource_ == nullptr && nameWatchId_ == 0) return;
+    if (remove && connectTimerId_ == 0) return;  // the watch lives only while the timer is armed
     connectTimerId_ = 0;
     source = std::exchange(connectTimerSource_, nullptr);
     watch = std::exchange(nameWatchId_, 0);
@@ -476,8 +467,7 @@ void DBusClientAsync::Reconnect() {
     // client without a link.
     if (!IsConnected()) {
       DBusClient::Disconnect();
-      Connect();
-      StartNameWatch();
+      ArmRestoration();
     }
   }
   reconnectPassed_ = true;
@@ -495,10 +485,7 @@ void DBusClientAsync::RestoreConnection() {
       // armed may just have been removed by a lost-connection report; with
       // nothing left to retry, the link would never come back. Arm it again,
       // as the task did (a no-op if armed).
-      if (reconnectPassed_ && !IsConnected()) {
-        Connect();
-        StartNameWatch();
-      }
+      if (reconnectPassed_ && !IsConnected()) ArmRestoration();
       return;
     }
     reconnectPassed_ = false;

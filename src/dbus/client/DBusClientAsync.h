@@ -177,6 +177,8 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   // connected. Takes linkMutex_.
   bool AttemptConnect(bool fromTimer);
   void StartNameWatch();
+  // Arms the retry timer and, while it is armed, the watch on the daemon's name.
+  void ArmRestoration();
   static gboolean OnConnectTimer(gpointer handle);
   static void OnDaemonNameAppeared(GDBusConnection* connection, const char* name, const char* nameOwner, void* handle);
 
