@@ -21,7 +21,6 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::size_t Count(const std::string& substring) const;  // lines containing `substring`
-  bool Contains(const std::string& substring) const { return Count(substring) > 0; }
   // Waits until at least `count` lines contain `substring`.
   bool WaitFor(const std::string& substring, std::size_t count = 1,
                std::chrono::milliseconds deadline = std::chrono::seconds(20)) const;
