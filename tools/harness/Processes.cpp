@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include <common/BusConnection.h>
+
 namespace zv_client {
 namespace testing {
 
@@ -68,7 +70,8 @@ int StopChild(pid_t pid, int signal, std::chrono::milliseconds grace, bool* forc
   kill(pid, signal);
   int status = 0;
   const Clock::time_point deadline = Clock::now() + grace;
-  while (waitpid(pid, &status, WNOHANG) != pid) {
+  for (pid_t reaped; (reaped = waitpid(pid, &status, WNOHANG)) != pid;) {
+    if (reaped < 0 && errno == ECHILD) return -1;  // not a child of ours (any more)
     if (Clock::now() >= deadline) {
       if (forced != nullptr) *forced = true;
       kill(pid, SIGKILL);
@@ -106,15 +109,10 @@ BusDaemon StartBusDaemon(const std::string& listenAddress, int errFd, const std:
 
 common::GObjectPtr<GDBusConnection> OpenBusConnection(const std::string& address) {
   GError* raw = nullptr;
-  GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-      address.c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, &raw);
+  common::GObjectPtr<GDBusConnection> connection = common::OpenPrivateBusConnection(address, &raw);
   const common::GErrorPtr error(raw);
-  if (connection == nullptr) throw std::runtime_error("cannot connect to " + address + ": " + error->message);
-  g_dbus_connection_set_exit_on_close(connection, FALSE);
-  return common::GObjectPtr<GDBusConnection>(connection);
+  if (!connection) throw std::runtime_error("cannot connect to " + address + ": " + error->message);
+  return connection;
 }
 
 std::string NameOwner(GDBusConnection* connection, const std::string& name) {

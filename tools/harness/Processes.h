@@ -31,7 +31,8 @@ pid_t SpawnChild(const std::vector<std::string>& argv, int keepFd = -1, int errF
 
 // Sends `signal` to the child `pid` and reaps it; SIGKILL follows if it has
 // not ended after `grace` (then `forced` is set). Returns its exit code, or
-// 128 + the signal that ended it.
+// 128 + the signal that ended it; -1 when `pid` is no child of ours. A child
+// reaped already must not be passed: its pid may belong to another process.
 int StopChild(pid_t pid, int signal, std::chrono::milliseconds grace, bool* forced = nullptr);
 
 struct BusDaemon {

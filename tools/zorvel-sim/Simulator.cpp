@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include <common/BusConnection.h>
 #include <dbus/client/ServiceContract.h>
 
 #include "InterfaceXml.h"
@@ -237,7 +238,7 @@ bool Simulator::Start(GError** error) {
   controlNode_ = g_dbus_node_info_new_for_xml(kControlXml, error);
   if (controlNode_ == nullptr) return false;
 
-  control_.reset(OpenConnection(error));
+  control_ = zv_client::common::OpenPrivateBusConnection(address_, error);
   if (!control_) {
     g_prefix_error(
         error, "the bus at %s is not reachable (set it with --address or DBUS_SYSTEM_BUS_ADDRESS): ", address_.c_str());
@@ -271,18 +272,10 @@ void Simulator::Shutdown() {
   control_.reset();
 }
 
-GDBusConnection* Simulator::OpenConnection(GError** error) const {
-  return g_dbus_connection_new_for_address_sync(
-      address_.c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, error);
-}
-
 // A fresh connection each time, so every acquisition gives the name a new
 // unique owner, as a restarted daemon would.
 bool Simulator::AcquireName(GError** error) {
-  GObjectPtr<GDBusConnection> connection(OpenConnection(error));
+  GObjectPtr<GDBusConnection> connection = zv_client::common::OpenPrivateBusConnection(address_, error);
   if (!connection) return false;
   static const GDBusInterfaceVTable vtable = {&Simulator::DaemonCallThunk, nullptr, nullptr, {}};
   const guint objectId = g_dbus_connection_register_object(
@@ -397,6 +390,13 @@ void Simulator::HandleDaemonCall(const gchar* sender, const std::string& method,
     body.reset(g_variant_ref(reply->second.get()));
     description.clear();
   }
+  ErrorReply error;
+  const auto failing = errors_.find(method);
+  if (failing != errors_.end()) {
+    error = failing->second;
+    followUp.reset();
+    description = "error " + error.first;
+  }
   if (description.empty()) description = Printed(body.get());
 
   const std::string received = "<- " + method + " " + Printed(parameters) + " from " + from;
@@ -408,37 +408,37 @@ void Simulator::HandleDaemonCall(const gchar* sender, const std::string& method,
   const auto delay = delays_.find(method);
   if (delay != delays_.end()) {
     Log("%s -> %s in %u ms", received.c_str(), description.c_str(), delay->second);
-    delayed_.push_back(DelayedReply{this, std::move(invocation), std::move(body), std::move(followUp), 0});
+    delayed_.push_back(
+        DelayedReply{this, std::move(invocation), std::move(body), std::move(followUp), std::move(error), 0});
     DelayedReply& pending = delayed_.back();
     pending.timeoutId = g_timeout_add(delay->second, &Simulator::OnDelayedReply, &pending);
     return;
   }
   Log("%s -> %s", received.c_str(), description.c_str());
-  SendReply(invocation.get(), body.get(), followUp.get());
+  SendReply(invocation.get(), body.get(), followUp.get(), error);
 }
 
 gboolean Simulator::OnDelayedReply(gpointer data) {
   auto* pending = static_cast<DelayedReply*>(data);
   Simulator* self = pending->owner;
   self->Log("-> delayed reply to %s from %s: %s", g_dbus_method_invocation_get_method_name(pending->invocation.get()),
-            g_dbus_method_invocation_get_sender(pending->invocation.get()), Printed(pending->body.get()).c_str());
-  self->SendReply(pending->invocation.get(), pending->body.get(), pending->followUp.get());
+            g_dbus_method_invocation_get_sender(pending->invocation.get()),
+            pending->error.first.empty() ? Printed(pending->body.get()).c_str() : pending->error.first.c_str());
+  self->SendReply(pending->invocation.get(), pending->body.get(), pending->followUp.get(), pending->error);
   self->delayed_.remove_if([pending](const DelayedReply& entry) { return &entry == pending; });
   return G_SOURCE_REMOVE;
 }
 
 // Built by hand: g_dbus_method_invocation_return_value checks the body against
 // the declared out-args, and SetReply exists to send bodies that break them.
-void Simulator::SendReply(GDBusMethodInvocation* invocation, GVariant* body, GVariant* followUp) {
+void Simulator::SendReply(GDBusMethodInvocation* invocation, GVariant* body, GVariant* followUp,
+                          const ErrorReply& failure) {
   GDBusMessage* request = g_dbus_method_invocation_get_message(invocation);
   GDBusConnection* connection = g_dbus_method_invocation_get_connection(invocation);
-  const auto failing = errors_.find(g_dbus_method_invocation_get_method_name(invocation));
-  if (failing != errors_.end()) followUp = nullptr;
   if ((g_dbus_message_get_flags(request) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {
     GObjectPtr<GDBusMessage> reply;
-    if (failing != errors_.end()) {
-      reply.reset(g_dbus_message_new_method_error_literal(request, failing->second.first.c_str(),
-                                                          failing->second.second.c_str()));
+    if (!failure.first.empty()) {
+      reply.reset(g_dbus_message_new_method_error_literal(request, failure.first.c_str(), failure.second.c_str()));
     } else if (FitsInMessage(body)) {
       reply.reset(g_dbus_message_new_method_reply(request));
       g_dbus_message_set_body(reply.get(), body);

@@ -17,6 +17,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gio/gio.h>
@@ -61,11 +62,13 @@ class Simulator {
   };
   // A reply put off by SetDelay. `followUp` is a signal body emitted right
   // after the reply (connect's onConnectionAvailable), or null.
+  using ErrorReply = std::pair<std::string, std::string>;  // error name, message; no name: a normal reply
   struct DelayedReply {
     Simulator* owner;
     GObjectPtr<GDBusMethodInvocation> invocation;
     GVariantPtr body;
     GVariantPtr followUp;
+    ErrorReply error;
     guint timeoutId;
   };
 
@@ -86,10 +89,9 @@ class Simulator {
   bool HandleEmit(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation);
   bool HandleOverride(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation);
 
-  GDBusConnection* OpenConnection(GError** error) const;
   bool AcquireName(GError** error);
   void ReleaseName();
-  void SendReply(GDBusMethodInvocation* invocation, GVariant* body, GVariant* followUp);
+  void SendReply(GDBusMethodInvocation* invocation, GVariant* body, GVariant* followUp, const ErrorReply& failure);
   bool EmitSignal(GDBusConnection* connection, const char* destination, const char* member, GVariant* body,
                   GError** error);
   void StartBroadcast();
@@ -113,12 +115,12 @@ class Simulator {
   guint serviceObjectId_ = 0;
   guint broadcastId_ = 0;  // timeout source while broadcasting
 
-  std::map<std::string, int> answers_;                                 // SetAnswer
-  std::map<std::string, GVariantPtr> replies_;                         // SetReply; always tuples
-  std::map<std::string, std::pair<std::string, std::string>> errors_;  // SetError: error name, message
-  std::map<std::string, guint> delays_;                                // SetDelay, non-zero only
-  std::set<std::string> neverAnswered_;                                // SetNoReply
-  std::list<DelayedReply> delayed_;                                    // list: addresses stay valid for the timers
+  std::map<std::string, int> answers_;          // SetAnswer
+  std::map<std::string, GVariantPtr> replies_;  // SetReply; always tuples
+  std::map<std::string, ErrorReply> errors_;    // SetError
+  std::map<std::string, guint> delays_;         // SetDelay, non-zero only
+  std::set<std::string> neverAnswered_;         // SetNoReply
+  std::list<DelayedReply> delayed_;             // list: addresses stay valid for the timers
   std::vector<GObjectPtr<GDBusMethodInvocation>> unanswered_;
 
   std::vector<Call> calls_;

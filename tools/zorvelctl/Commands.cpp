@@ -72,6 +72,21 @@ int NoOutcome(Session& session, Event summary, const std::string& subject, Comma
   return session.Finish(std::move(summary), kExitFailed, "no answer to " + subject + " " + session.TimeoutText());
 }
 
+// Waits for the outcome of `command` (`subject`) and judges it: the exit code
+// when it did not end, failed or was refused (the run is over, `context`
+// leads its message), nothing when the daemon answered 0 or sent its list;
+// the outcome then goes to `told`.
+std::optional<int> Refused(Session& session, Event& summary, const std::string& subject, CommandId command,
+                           CommandOutcome* told = nullptr, const std::string& context = "") {
+  std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
+  if (!outcome) return NoOutcome(session, std::move(summary), subject, command);
+  if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
+    return session.Finish(std::move(summary), kExitFailed, context + problem);
+  }
+  if (told != nullptr) *told = std::move(*outcome);
+  return std::nullopt;
+}
+
 int RunBroadcast(Session& session, Launcher& launcher) {
   CommandId start = 0;
   launcher.StartBroadcast(session.options().onlineCheck, &start);
@@ -100,10 +115,10 @@ int RunBroadcast(Session& session, Launcher& launcher) {
   const std::size_t instances = session.Snapshot().instances.size();
   Event stopped = Event("summary").Int("instances", static_cast<std::int64_t>(instances));
   const std::string found = std::to_string(instances) + (instances == 1 ? " instance" : " instances") + " found";
-  const std::optional<CommandOutcome> outcome = session.AwaitOutcome(stop);  // it came during the call
-  if (!outcome) return NoOutcome(session, std::move(stopped), Subject(kMethodStopBroadcast, std::nullopt), stop);
-  if (const std::string problem = Judge(*outcome, stopped); !problem.empty()) {
-    return session.Finish(std::move(stopped), kExitFailed, found + "; " + problem);
+  // The outcome came during the call.
+  if (const auto code =
+          Refused(session, stopped, Subject(kMethodStopBroadcast, std::nullopt), stop, nullptr, found + "; ")) {
+    return *code;
   }
   return session.Finish(std::move(stopped), kExitOk, found + "; broadcast stopped");
 }
@@ -112,44 +127,27 @@ int RunProfiles(Session& session, Launcher& launcher) {
   CommandId command = 0;
   launcher.ReadProfiles(&command);  // empty at once: the list comes with the outcome
   Event summary("summary");
-  const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
-  if (!outcome) return NoOutcome(session, std::move(summary), Subject(kMethodReadProfiles, std::nullopt), command);
-  if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
-    return session.Finish(std::move(summary), kExitFailed, problem);
+  CommandOutcome outcome;
+  if (const auto code = Refused(session, summary, Subject(kMethodReadProfiles, std::nullopt), command, &outcome)) {
+    return *code;
   }
   // The list, unlike the instance-found events of the same read, carries
   // every id in full.
-  for (const auto& profile : outcome->profiles) {
+  for (const auto& profile : outcome.profiles) {
     session.printer().Print(Event("profile").Int("id", profile.id).Text("name", profile.name));
   }
-  const std::size_t count = outcome->profiles.size();
+  const std::size_t count = outcome.profiles.size();
   summary.Int("count", static_cast<std::int64_t>(count));
   return session.Finish(std::move(summary), kExitOk,
                         count == 0 ? "no stored profiles" : std::to_string(count) + " stored profile(s)");
 }
 
-// Issues the command through `issue`, waits for its outcome and judges it:
-// the exit code when it failed or was refused (the run is over), nothing when
-// the daemon answered 0.
-template <typename Issue>
-std::optional<int> Refused(Session& session, Event& summary, const std::string& method, int id, Issue issue) {
-  CommandId command = 0;
-  issue(&command);
-  const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
-  if (!outcome) return NoOutcome(session, std::move(summary), Subject(method, id), command);
-  if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
-    return session.Finish(std::move(summary), kExitFailed, problem);
-  }
-  return std::nullopt;
-}
-
 int RunConnect(Session& session, Launcher& launcher) {
   const int id = session.options().id;
   Event summary = Event("summary").Int("id", id);
-  if (const auto code =
-          Refused(session, summary, kMethodConnect, id, [&](CommandId* command) { launcher.Connect(id, command); })) {
-    return *code;
-  }
+  CommandId command = 0;
+  launcher.Connect(id, &command);
+  if (const auto code = Refused(session, summary, Subject(kMethodConnect, id), command)) return *code;
 
   // Answered 0: the daemon reports the connection by an event (which may
   // have come before the answer). Events carry 16-bit ids.
@@ -181,10 +179,9 @@ int RunConnect(Session& session, Launcher& launcher) {
 int RunDelete(Session& session, Launcher& launcher) {
   const int id = session.options().id;
   Event summary = Event("summary").Int("id", id);
-  if (const auto code = Refused(session, summary, kMethodDeleteStoredProfile, id,
-                                [&](CommandId* command) { launcher.DeleteStoredProfile(id, command); })) {
-    return *code;
-  }
+  CommandId command = 0;
+  launcher.DeleteStoredProfile(id, &command);
+  if (const auto code = Refused(session, summary, Subject(kMethodDeleteStoredProfile, id), command)) return *code;
   return session.Finish(std::move(summary), kExitOk, "stored profile " + std::to_string(id) + " deleted");
 }
 

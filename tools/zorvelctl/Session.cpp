@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include <common/BusConnection.h>
 #include <common/GLibPtr.h>
 #include <dbus/client/ServiceContract.h>
 #include <platform/SystemLog.h>
@@ -16,8 +17,6 @@ namespace zorvelctl {
 namespace {
 
 using zv_client::dbus::client::kBusName;
-
-constexpr char kDefaultSystemBus[] = "unix:path=/var/run/dbus/system_bus_socket";
 
 gboolean QuitLoop(gpointer loop) {
   g_main_loop_quit(static_cast<GMainLoop*>(loop));
@@ -46,19 +45,13 @@ int Session::Run(Plan plan) {
   using zv_client::common::GCharPtr;
   using zv_client::common::GErrorPtr;
   using zv_client::common::GObjectPtr;
+  // The address GLib itself would use: the one named in any message.
   GError* rawError = nullptr;
   GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &rawError));
   GObjectPtr<GDBusConnection> bus;
   if (address) {
     address_ = address.get();
-    bus.reset(g_dbus_connection_new_for_address_sync(
-        address.get(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &rawError));
-  } else {
-    const char* variable = g_getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    address_ = variable != nullptr ? variable : kDefaultSystemBus;
+    bus = zv_client::common::OpenPrivateBusConnection(address_, &rawError);
   }
   GErrorPtr busError(rawError);
   if (!bus) {

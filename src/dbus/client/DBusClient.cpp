@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include <common/BusConnection.h>
 #include <dbus/client/CallbackAnchor.h>
 #include <dbus/client/ClientInternals.h>
 #include <dbus/client/ServiceContract.h>
@@ -31,22 +32,14 @@ common::GObjectPtr<T> NewRef(T* object) {
 }
 
 // A private connection to the system bus at the address GLib would use for
-// its shared one. Exit-on-close is off, as for every connection that is not
-// GLib's singleton; it is set anyway, since ending the host is never ours.
+// its shared one: ending the host when the bus goes is never ours to do.
 common::GObjectPtr<GDBusConnection> ConnectToSystemBus(common::GErrorPtr& error) {
   GError* rawError = nullptr;
   common::GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &rawError));
-  GDBusConnection* connection = nullptr;
-  if (address) {
-    connection = g_dbus_connection_new_for_address_sync(
-        address.get(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &rawError);
-  }
+  common::GObjectPtr<GDBusConnection> connection;
+  if (address) connection = common::OpenPrivateBusConnection(address.get(), &rawError);
   error.reset(rawError);
-  if (connection != nullptr) g_dbus_connection_set_exit_on_close(connection, FALSE);
-  return common::GObjectPtr<GDBusConnection>(connection);
+  return connection;
 }
 
 }  // namespace

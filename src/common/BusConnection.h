@@ -1,0 +1,28 @@
+#pragma once
+
+// Internal: not installed. Shared by the library and the project's own tools.
+
+#include <string>
+
+#include <gio/gio.h>
+
+#include <common/GLibPtr.h>
+
+namespace zv_client {
+namespace common {
+
+// A connection of its own to the message bus at `address`: not GLib's shared
+// one, whose loss would end the process. Exit-on-close is off. Null, with
+// `error` set, when the bus cannot be reached.
+inline GObjectPtr<GDBusConnection> OpenPrivateBusConnection(const std::string& address, GError** error) {
+  GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+      address.c_str(),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, error);
+  if (connection != nullptr) g_dbus_connection_set_exit_on_close(connection, FALSE);
+  return GObjectPtr<GDBusConnection>(connection);
+}
+
+}  // namespace common
+}  // namespace zv_client
