@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -72,7 +73,8 @@ int Run(Reports& reports, int connectId, int deleteId) {
   launcher.SetOnConnectionAvailable([&reports, connectId](int id, bool available) {
     std::lock_guard<std::mutex> lock(reports.mutex);
     std::printf("  connection id %-5d %s\n", id, available ? "available" : "not available");
-    if (id == connectId && available) reports.connected = true;
+    // Events carry ids in 16 bits: a larger CONNECT_ID comes back cut to them.
+    if (id == static_cast<std::uint16_t>(connectId) && available) reports.connected = true;
     reports.changed.notify_all();
   });
   // Each command is told here first as held, then once more when it ends.

@@ -195,7 +195,7 @@ int Run(Reports& reports) {
     return 1;
   }
 
-  // Connect to the first instance found. The daemon's answer comes with the
+  // Connect to the instance of lowest id found. The daemon's answer comes with the
   // outcome (0: it goes ahead); the connection itself is the
   // connection-available callback.
   std::printf("Connect(%d), waiting for the connection...\n", target);
