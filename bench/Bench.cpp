@@ -1,5 +1,7 @@
 #include "Bench.h"
 
+#include <optional>
+
 #include <dbus/client/ServiceContract.h>
 
 #include "Phases.h"
@@ -39,15 +41,26 @@ const std::string& Bench::Other(const std::string& method) {
   return method == contract::kMethodConnect ? contract::kMethodStartBroadcast : contract::kMethodConnect;
 }
 
+Ns Bench::Issue(const std::string& method, int id) {
+  if (method == contract::kMethodConnect && libConnected_) Fatal("Connect would be refused");
+  const Ns blocked = library.Issue(method, id);
+  libConnected_ = method == contract::kMethodConnect;
+  // Even if dropped: the guard then holds `method` as the active command.
+  lastLibMethod_ = method;
+  return blocked;
+}
+
+zv_client::zorvel::CommandId Bench::ReadProfiles() {
+  const zv_client::zorvel::CommandId id = library.ReadProfiles();
+  lastLibMethod_ = contract::kMethodReadProfiles;
+  return id;
+}
+
 bool Bench::LibRunOnce(const std::string& method) {
-  if (method == contract::kMethodConnect && libConnected) Fatal("Connect would be refused");
   const auto before = library.client().GetCounts();
   const std::uint64_t echoes = libProbe.Echoes();
-  library.Issue(method, NextId());
-  libConnected = method == contract::kMethodConnect;
+  Issue(method, NextId());
   library.WaitIdle();
-  lastLibMethod = method;
-  // The guard then holds `method` as the active command.
   if (library.client().GetCounts().ranAtOnce == before.ranAtOnce) return false;
   if (!libProbe.WaitEchoes(echoes + 1, 5000)) Fatal("no echo for " + method);
   return true;
@@ -60,8 +73,10 @@ void Bench::LibRun(const std::string& method) {
   if (!LibRunOnce(method)) Fatal("cannot run " + method);
 }
 
-void Bench::LibPrepare(const std::string& method) {
-  if (method == lastLibMethod || (method == contract::kMethodConnect && libConnected)) LibRunOnce(Other(method));
+bool Bench::LibPrepare(const std::string& method) {
+  if (method != lastLibMethod_ && !(method == contract::kMethodConnect && libConnected_)) return false;
+  LibRun(Other(method));
+  return true;
 }
 
 void Bench::WaitLibraryReady() {
@@ -69,10 +84,9 @@ void Bench::WaitLibraryReady() {
   // and the daemon's name is seen; its echo means the library is ready.
   const Ns start = NowNs();
   const std::uint64_t echoes = libProbe.Echoes();
-  library.Issue(contract::kMethodStartBroadcast, 0);
+  Issue(contract::kMethodStartBroadcast, 0);
   if (!libProbe.WaitEchoes(echoes + 1, 10000)) Fatal("the library did not become ready");
   library.WaitIdle();
-  lastLibMethod = contract::kMethodStartBroadcast;
   report.Line("  library ready after %.1f ms (first command held, then replayed)",
               static_cast<double>(NowNs() - start) / 1e6);
 }
@@ -90,27 +104,20 @@ void Bench::LoggingShare(const char* what, const Stats& lib, const Stats& silent
 void Bench::JournalPass() {
   std::string why = noJournalOfOurOwn;
   if (why.empty() && (options.trace || options.timeline)) why = "--trace or --timeline takes the lines";
+  std::optional<JournalListener> listener;
+  if (why.empty()) why = listener.emplace().failure();
+  if (why.empty() && !AwaitJournalVerdict(true)) why = "the library sees no journal";
   if (!why.empty()) {
     report.Line("  (calls and signals with a journal listening not measured: %s)", why.c_str());
     return;
   }
-  {
-    JournalListener listener;
-    if (!listener.failure().empty()) {
-      report.Line("  (calls and signals with a journal listening not measured: %s)", listener.failure().c_str());
-      return;
-    }
-    if (!AwaitJournalVerdict(true)) {
-      report.Line("  (calls and signals with a journal listening not measured: the library sees no journal)");
-      return;
-    }
-    report.Line("  with a journal listening (a socket of ours at the journal's path, drained by a thread):");
-    const std::uint64_t before = listener.received();
-    if (options.Has("call")) CallPhase(*this, Journal::kListening);
-    if (options.Has("signal")) SignalPhase(*this, Journal::kListening);
-    report.Line("    %llu lines reached the journal meanwhile",
-                static_cast<unsigned long long>(listener.received() - before));
-  }
+  report.Line("  with a journal listening (a socket of ours at the journal's path, drained by a thread):");
+  const std::uint64_t before = listener->received();
+  if (options.Has("call")) CallPhase(*this, Journal::kListening);
+  if (options.Has("signal")) SignalPhase(*this, Journal::kListening);
+  report.Line("    %llu lines reached the journal meanwhile",
+              static_cast<unsigned long long>(listener->received() - before));
+  listener.reset();
   // The phases after this one measure the library with no journal again.
   if (!AwaitJournalVerdict(false)) Fatal("the library still sees the journal that went away");
 }

@@ -45,11 +45,24 @@ class Bench {
   std::vector<Arm> WithSilent(std::vector<Arm> arms) const;
 
   static const std::string& Other(const std::string& method);
+  // Every library command goes through these two, which keep track of what
+  // the guard and the Launcher would refuse next. Issue ends the run rather
+  // than issue a Connect the Launcher would refuse; it returns how long the
+  // caller was blocked.
+  Ns Issue(const std::string& method, int id);
+  zv_client::zorvel::CommandId ReadProfiles();
+  // After commands whose threads may have run in any order.
+  void ForgetLastMethod() { lastLibMethod_.clear(); }
+
   // Runs `method` at once (untimed), putting the other command before it
   // when the duplicate guard or the Launcher would refuse it.
   void LibRun(const std::string& method);
-  // Makes sure `method` can be issued now without being refused.
-  void LibPrepare(const std::string& method);
+  // Runs (untimed) the other of Connect and StartBroadcast than the method
+  // run last, which the duplicate guard does not drop.
+  void LibRunNext() { LibRun(Other(lastLibMethod_)); }
+  // Makes sure `method` can be issued now without being refused; true when
+  // that took a command first.
+  bool LibPrepare(const std::string& method);
   // Lets the thread of an untimed command finish exiting: a thread that has
   // just exited slows down the start of the next one, which would otherwise
   // be charged to the sample that follows.
@@ -61,15 +74,13 @@ class Bench {
   void LoggingShare(const char* what, const Stats& lib, const Stats& silent, const Stats& floor,
                     const std::string& key);
 
-  Options options;
+  const Options options;
   Report& report;
   DaemonControl control;
   Probe libProbe;
   Probe floorProbe;
   Floor floor;
   Library library;
-  std::string lastLibMethod;      // the method the command layer ran last ("" when unknown)
-  bool libConnected = false;      // a Connect since the last StartBroadcast: the Launcher refuses another
   double liveLogLine = -1;        // us per line with a journal listening, measured at start-up; -1: not measured
   std::string noJournalOfOurOwn;  // why calls and signals cannot be measured with a journal listening
 
@@ -82,6 +93,8 @@ class Bench {
   void JournalPass();
 
   std::uint64_t idCounter_ = 0;
+  std::string lastLibMethod_;  // the method the command layer ran last ("" when unknown)
+  bool libConnected_ = false;  // a Connect since the last StartBroadcast: the Launcher refuses another
 };
 
 template <typename Sample>

@@ -27,7 +27,6 @@
 //   Quit()
 
 #include <getopt.h>
-#include <time.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -39,9 +38,12 @@
 #include <gio/gio.h>
 #include <glib-unix.h>
 
+#include <common/BusConnection.h>
 #include <common/GLibPtr.h>
 #include <common/GLibUtils.h>
 #include <dbus/client/ServiceContract.h>
+
+#include "Timing.h"
 
 namespace {
 
@@ -51,6 +53,8 @@ using zv_client::common::GVariantPtr;
 using zv_client::common::SessionProfile;
 using zv_client::common::SinkVariant;
 namespace contract = zv_client::dbus::client;
+// zorvel-bench's own clock, which compares our timestamps with its own.
+using zv_bench::NowNs;
 
 constexpr char kControlName[] = "zorvel.bench";
 constexpr char kControlPath[] = "/zorvel/bench";
@@ -82,12 +86,6 @@ constexpr char kServiceXml[] = R"xml(
   </interface>
 </node>)xml";
 
-std::uint64_t NowNs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<std::uint64_t>(now.tv_nsec);
-}
-
 struct Daemon {
   std::string address;
   GMainLoop* loop = nullptr;
@@ -99,14 +97,6 @@ struct Daemon {
   GVariantPtr profilesReply;  // built once per SetProfiles: replies only serialise it
   guint16 sequence = 0;
 };
-
-GDBusConnection* Open(const std::string& address, GError** error) {
-  return g_dbus_connection_new_for_address_sync(
-      address.c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, error);
-}
 
 bool RequestName(GDBusConnection* connection, const char* name, GError** error) {
   constexpr guint32 kDoNotQueue = 4;
@@ -147,7 +137,7 @@ void OnServiceCall(GDBusConnection* connection, const gchar* sender, const gchar
 }
 
 bool AcquireName(Daemon& daemon, GError** error) {
-  GObjectPtr<GDBusConnection> connection(Open(daemon.address, error));
+  GObjectPtr<GDBusConnection> connection = zv_client::common::OpenPrivateBusConnection(daemon.address, error);
   if (!connection) return false;
   static const GDBusInterfaceVTable vtable = {&OnServiceCall, nullptr, nullptr, {}};
   const guint object =
@@ -270,7 +260,7 @@ int main(int argc, char** argv) {
   SetProfiles(daemon, profiles);
 
   GError* raw = nullptr;
-  daemon.control.reset(Open(daemon.address, &raw));
+  daemon.control = zv_client::common::OpenPrivateBusConnection(daemon.address, &raw);
   static const GDBusInterfaceVTable controlVtable = {&OnControlCall, nullptr, nullptr, {}};
   if (!daemon.control ||
       g_dbus_connection_register_object(daemon.control.get(), kControlPath, daemon.controlNode->interfaces[0],

@@ -21,27 +21,25 @@ namespace {
 
 namespace contract = zv_client::dbus::client;
 
-struct ProcStatus {
-  long threads = 0;
+struct Memory {
   long rssKb = 0;
   long hwmKb = 0;
 };
 
-ProcStatus ReadStatus() {
-  ProcStatus status;
+// Resident memory now and its peak, from /proc/self/status.
+Memory ReadMemory() {
+  Memory memory;
   std::ifstream in("/proc/self/status");
   std::string key;
   while (in >> key) {
-    if (key == "Threads:") {
-      in >> status.threads;
-    } else if (key == "VmRSS:") {
-      in >> status.rssKb;
+    if (key == "VmRSS:") {
+      in >> memory.rssKb;
     } else if (key == "VmHWM:") {
-      in >> status.hwmKb;
+      in >> memory.hwmKb;
     }
     in.ignore(1 << 20, '\n');
   }
-  return status;
+  return memory;
 }
 
 // Field 20 of /proc/self/stat; cheaper to read than the status file.
@@ -74,10 +72,10 @@ void BurstPhase(Bench& bench) {
       std::ofstream reset("/proc/self/clear_refs");
       reset << "5";  // restart the peak-RSS mark
     }
-    const ProcStatus base = ReadStatus();
-    baseThreads = base.threads;
+    const Memory base = ReadMemory();
+    baseThreads = ThreadCount();
     std::atomic<bool> sampling{true};
-    std::atomic<long> threads{base.threads};
+    std::atomic<long> threads{baseThreads};
     std::thread sampler([&] {
       while (sampling) {
         const long now = ThreadCount();
@@ -89,9 +87,7 @@ void BurstPhase(Bench& bench) {
     std::string method = contract::kMethodConnect;
     const Ns start = NowNs();
     for (int i = 0; i < options.burstSize; ++i) {
-      if (method == contract::kMethodConnect && bench.libConnected) Fatal("burst: Connect would be refused");
-      burstAccept.push_back(Us(bench.library.Issue(method, bench.NextId())));
-      bench.libConnected = method == contract::kMethodConnect;
+      burstAccept.push_back(Us(bench.Issue(method, bench.NextId())));
       method = Bench::Other(method);
     }
     Ns end = 0;
@@ -106,7 +102,7 @@ void BurstPhase(Bench& bench) {
     }
     sampling = false;
     sampler.join();
-    const ProcStatus after = ReadStatus();
+    const Memory after = ReadMemory();
     const auto counts = bench.library.client().GetCounts();
     const double ran = static_cast<double>(counts.ranAtOnce - before.ranAtOnce);
     const double dropped = static_cast<double>(counts.droppedDuplicate - before.droppedDuplicate);
@@ -118,16 +114,13 @@ void BurstPhase(Bench& bench) {
     // Every command that ran is echoed; let the echoes drain before the next
     // measurement. Which method ran last is unknown now.
     bench.libProbe.WaitEchoes(echoesBefore + static_cast<std::uint64_t>(ran), 30000);
-    bench.lastLibMethod.clear();
+    bench.ForgetLastMethod();
 
-    // Floor: the same number of calls, sent without waiting, until every
-    // answer is in.
+    // Floor: the same number of calls, sent without waiting (as far as the
+    // bus allows), until every answer is in.
     std::atomic<int> answered{0};
     const Ns floorStart = NowNs();
-    for (int i = 0; i < options.burstSize; ++i) {
-      bench.floor.CallAsync(i % 2 == 0 ? contract::kMethodConnect : contract::kMethodStartBroadcast, bench.NextId(),
-                            answered);
-    }
+    bench.floor.CallBurst(options.burstSize, answered);
     while (answered < options.burstSize) {
       if (NowNs() - floorStart > 60000000000ULL) Fatal("floor burst did not end");
       std::this_thread::sleep_for(std::chrono::microseconds(200));

@@ -24,21 +24,16 @@ using Arm = Bench::Arm;
 double LibCallSample(Bench& bench, const std::string& method, std::vector<double>& accept,
                      std::vector<double>& outbound) {
   // Untimed: keep the guard and the Launcher from refusing `method`.
-  if (method == bench.lastLibMethod || (method == contract::kMethodConnect && bench.libConnected)) {
-    bench.LibRun(Bench::Other(method));
-    Bench::Settle();
-  }
+  if (bench.LibPrepare(method)) Bench::Settle();
   const int id = bench.NextId();
   Probe::Event event;
   const std::uint64_t found = bench.libProbe.FoundCount();
   const std::uint64_t available = bench.libProbe.AvailableCount();
   const Ns start = NowNs();
-  accept.push_back(Us(bench.library.Issue(method, id)));
+  accept.push_back(Us(bench.Issue(method, id)));
   const bool ok = method == contract::kMethodConnect ? bench.libProbe.WaitAvailable(available, event)
                                                      : bench.libProbe.WaitFound(found, event);
   if (!ok) Fatal("library: no echo for " + method);
-  bench.libConnected = method == contract::kMethodConnect;
-  bench.lastLibMethod = method;
   bench.library.WaitIdle();  // the command thread's tail is not the next sample's cost
   if (method == contract::kMethodStartBroadcast) outbound.push_back(Us(ParseNs(event.name) - start));
   return Us(event.at - start);

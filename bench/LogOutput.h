@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -26,11 +27,10 @@ void ForwardLine(zv_client::platform::LogBuffer buffer, zv_client::platform::Log
 // With --timeline: the lines kept so far to `path`.
 void WriteTimeline(const std::string& path);
 
-// Counts the library's lines (and drops them) while installed.
-struct LineCounter {
-  std::atomic<std::uint64_t> lines{0};
-  void Install();
-};
+// Installs a sink that counts the library's lines (and drops them); the
+// count. The sink shares it, so a thread still running the sink after it
+// was replaced counts into live memory.
+std::shared_ptr<const std::atomic<std::uint64_t>> CountLines();
 
 // Waits until the library's next line would find a journal listening, or
 // none (`listening` false); false when that does not happen within a second.

@@ -105,17 +105,16 @@ void LogPhase(Bench& bench) {
   const double formatOnly = TimeSpacedLogLines(lines / 10);
 
   // How many lines each kind of work writes.
-  LineCounter counter;
-  counter.Install();
+  const auto counted = CountLines();
   const int n = 50;
-  std::uint64_t start = counter.lines;
-  for (int i = 0; i < n; ++i) bench.LibRun(Bench::Other(bench.lastLibMethod));
+  std::uint64_t start = counted->load();
+  for (int i = 0; i < n; ++i) bench.LibRunNext();
   SleepMs(20);
-  const double perCall = static_cast<double>(counter.lines - start) / n;
-  start = counter.lines;
+  const double perCall = static_cast<double>(counted->load() - start) / n;
+  start = counted->load();
   for (int i = 0; i < n; ++i) LibSignalSample(bench);
   SleepMs(20);
-  const double perSignal = static_cast<double>(counter.lines - start) / n;
+  const double perSignal = static_cast<double>(counted->load() - start) / n;
   DefaultLog();
 
   Report& report = bench.report;

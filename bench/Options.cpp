@@ -27,7 +27,7 @@ void Usage(const char* program) {
       "  --phases LIST        call,signal,profiles,burst,recovery,log (default: all)\n"
       "  --samples N          call and signal samples per arm (default 2000)\n"
       "  --profile-runs N     ReadProfiles runs per arm (default 25)\n"
-      "  --profiles N         stored profiles (default 1000, capped at %d: see the output)\n"
+      "  --profiles N         stored profiles (default and most: %d, a D-Bus signature's limit)\n"
       "  --burst-runs N       bursts (default 3)\n"
       "  --burst-size N       commands per burst (default 1000)\n"
       "  --recovery-rounds N  daemon restarts (default 12)\n"
@@ -150,10 +150,17 @@ int ParseOptions(int argc, char** argv, Options& options) {
         return 2;
     }
   }
-  if (optind < argc || options.callSamples < 2 || options.profileRuns < 1 || options.burstRuns < 1 ||
-      options.burstSize < 2 || options.recoveryRounds < 1 || options.logLines < 10) {
+  if (optind < argc || options.callSamples < 2 || options.profileRuns < 1 || options.profileCount < 1 ||
+      options.burstRuns < 1 || options.burstSize < 2 || options.recoveryRounds < 1 || options.logLines < 10) {
     Usage(argv[0]);
     return 2;
+  }
+  if (options.profileCount > kMaxProfilesOnTheBus) {
+    std::fprintf(stderr,
+                 "zorvel-bench: --profiles %d capped at %d, the most the profile list payload carries over a "
+                 "bus (D-Bus signatures are limited to 255 characters)\n",
+                 options.profileCount, kMaxProfilesOnTheBus);
+    options.profileCount = kMaxProfilesOnTheBus;
   }
   return -1;
 }

@@ -7,14 +7,11 @@
 #include <atomic>
 #include <thread>
 
-#include <dbus/client/ServiceContract.h>
-
 #include "Phases.h"
 
 namespace zv_bench {
 namespace {
 
-namespace contract = zv_client::dbus::client;
 using Arm = Bench::Arm;
 
 struct LibTimes {
@@ -25,18 +22,17 @@ struct LibTimes {
 LibTimes LibProfilesSample(Bench& bench) {
   const int count = bench.options.profileCount;
   // readProfiles must not follow readProfiles, or the guard drops it.
-  bench.LibRun(Bench::Other(bench.lastLibMethod));
+  bench.LibRunNext();
   Bench::Settle();
   bench.libProbe.ExpectProfiles(count);
   const Ns start = NowNs();
-  const zv_client::zorvel::CommandId id = bench.library.ReadProfiles();
+  const zv_client::zorvel::CommandId id = bench.ReadProfiles();
   Ns lastAt = 0, listAt = 0;
   std::size_t listed = 0;
   if (!bench.libProbe.WaitProfiles(lastAt, 30000)) Fatal("library: profiles not delivered");
   if (!bench.libProbe.WaitProfileList(id, listAt, listed, 30000)) Fatal("library: no ReadProfiles outcome");
   if (listed != static_cast<std::size_t>(count)) Fatal("library: the outcome's list is short");
   bench.library.WaitIdle();
-  bench.lastLibMethod = contract::kMethodReadProfiles;
   return LibTimes{Us(lastAt - start), Us(listAt - start)};
 }
 
@@ -75,14 +71,7 @@ double FloorListSample(Bench& bench, bool onNewThread) {
 
 void ProfilesPhase(Bench& bench) {
   Report& report = bench.report;
-  Options& options = bench.options;
-  if (options.profileCount > kMaxProfilesOnTheBus) {
-    report.Line(
-        "  (%d profiles asked for; the profile list payload carries at most %d over a bus: "
-        "D-Bus signatures are limited to 255 characters)",
-        options.profileCount, kMaxProfilesOnTheBus);
-    options.profileCount = kMaxProfilesOnTheBus;
-  }
+  const Options& options = bench.options;
   bench.control.SetProfiles(static_cast<guint32>(options.profileCount));
   bench.library.FollowOutcomes(true);
   std::vector<double> samples[Bench::kArmCount], lists[Bench::kArmCount];

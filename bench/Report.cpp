@@ -19,6 +19,10 @@ void Fatal(const std::string& message) {
   std::_Exit(1);  // helper processes die with us (they are started with a death signal)
 }
 
+namespace {
+
+// `path` as a reader of the output should see it: relative to the working
+// directory when it lies below it.
 std::string DisplayPath(const std::string& path) {
   char* cwd = getcwd(nullptr, 0);
   std::string base = cwd != nullptr ? cwd : "";
@@ -28,6 +32,8 @@ std::string DisplayPath(const std::string& path) {
   if (path[base.size()] != '/') return path;
   return path.substr(base.size() + 1);
 }
+
+}  // namespace
 
 void Report::Header() const {
   char host[256] = "";
@@ -49,9 +55,9 @@ void Report::Line(const char* format, ...) const {
   std::fflush(stdout);
 }
 
-void Report::Row(const char* what, const Stats& lib, const Stats& floor, const char* unit) const {
-  Line("  %-34s %9.1f %9.1f   %9.1f %9.1f   %6.2f %6.2f  (%s, n=%zu/%zu)", what, lib.median, lib.p99, floor.median,
-       floor.p99, Ratio(lib.median, floor.median), Ratio(lib.p99, floor.p99), unit, lib.n, floor.n);
+void Report::Row(const char* what, const Stats& lib, const Stats& floor) const {
+  Line("  %-34s %9.1f %9.1f   %9.1f %9.1f   %6.2f %6.2f  (us, n=%zu/%zu)", what, lib.median, lib.p99, floor.median,
+       floor.p99, Ratio(lib.median, floor.median), Ratio(lib.p99, floor.p99), lib.n, floor.n);
 }
 
 std::string Report::Json() const {

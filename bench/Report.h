@@ -15,22 +15,16 @@ namespace zv_bench {
 // Ends the run: the figures so far would mislead.
 [[noreturn]] void Fatal(const std::string& message);
 
-// `path` as a reader of the output should see it: relative to the working
-// directory when it lies below it.
-std::string DisplayPath(const std::string& path);
-
 class Report {
  public:
   explicit Report(std::string outDir) : outDir_(std::move(outDir)) {}
-
-  const std::string& outDir() const { return outDir_; }
 
   // The machine and the column headings of the table.
   void Header() const;
   // One table line, printed at once.
   void Line(const char* format, ...) const __attribute__((format(printf, 2, 3)));
-  // Median and p99 of both sides and their ratios.
-  void Row(const char* what, const Stats& lib, const Stats& floor, const char* unit = "us") const;
+  // Median and p99 of both sides (us) and their ratios.
+  void Row(const char* what, const Stats& lib, const Stats& floor) const;
 
   void Set(const std::string& key, double value) { figures_[key] = value; }
   // The figures in key order, one JSON object on one line.

@@ -61,12 +61,15 @@ class Floor {
   // readProfiles, decoded with the library's own decoder into one callback
   // with the whole list (what an application that wants the list writes).
   std::size_t ReadProfileList();
-  // Sends a call without waiting; `answered` counts the answers, which
-  // arrive on the main loop.
-  void CallAsync(const std::string& method, int argument, std::atomic<int>& answered);
+  // `count` calls, Connect and StartBroadcast in turn, sent without waiting
+  // for their answers but with no more unanswered than a system bus allows
+  // one connection: each answer sends the next call. `answered` counts the
+  // answers, which arrive on the main loop.
+  void CallBurst(int count, std::atomic<int>& answered);
 
  private:
   static std::string Text(GVariant* list, std::size_t index);
+  void SendNextOfBurst();
   static void OnAnswer(GObject* proxy, GAsyncResult* result, gpointer data);
   static void OnSignal(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* member,
                        GVariant* parameters, gpointer data);
@@ -79,6 +82,10 @@ class Floor {
   std::function<void(int, const std::string&)> onFound_;
   std::function<void(int, bool)> onAvailable_;
   std::function<void(const std::vector<zv_client::common::SessionProfile>&)> onList_;
+  // The burst under way; set before its first call is sent.
+  int burstCount_ = 0;
+  std::atomic<int> burstSent_{0};
+  std::atomic<int>* burstAnswered_ = nullptr;
 };
 
 // The library: a Launcher whose callbacks feed the probe, and its command
@@ -87,7 +94,6 @@ class Library {
  public:
   explicit Library(Probe& probe);
 
-  zv_client::zorvel::Launcher& launcher() { return launcher_; }
   zv_client::dbus::client::DBusClientAsync& client() { return *client_; }
   // The unique name of the library's own bus connection ("" without one).
   std::string BusName() const;

@@ -30,6 +30,7 @@ double LibSignalSample(Bench& bench) { return SignalSample(bench, true); }
 void SignalPhase(Bench& bench, Journal journal) {
   Report& report = bench.report;
   const bool listening = journal == Journal::kListening;
+  const std::string prefix = listening ? "journal_" : "";
   std::vector<Arm> arms{Bench::kArmLib, Bench::kArmFloor};
   if (!listening) arms = bench.WithSilent(arms);
   std::vector<double> samples[Bench::kArmCount];
@@ -37,22 +38,15 @@ void SignalPhase(Bench& bench, Journal journal) {
                [&](Arm arm, int) { samples[arm].push_back(SignalSample(bench, arm != Bench::kArmFloor)); });
 
   const Stats lib = Summarise(samples[Bench::kArmLib]), floor = Summarise(samples[Bench::kArmFloor]);
-  if (listening) {
-    report.Row("daemon signal -> callback, journal", lib, floor);
-    report.Set("journal_signal_ratio_median", Ratio(lib.median, floor.median));
-    report.Set("journal_signal_ratio_p99", Ratio(lib.p99, floor.p99));
-    report.Set("journal_signal_lib_us_median", lib.median);
-    report.WriteSamples("signal_journal_lib", samples[Bench::kArmLib]);
-    report.WriteSamples("signal_journal_floor", samples[Bench::kArmFloor]);
-    return;
-  }
-  report.Row("daemon signal -> callback", lib, floor);
-  report.Set("signal_ratio_median", Ratio(lib.median, floor.median));
-  report.Set("signal_ratio_p99", Ratio(lib.p99, floor.p99));
-  report.Set("signal_lib_us_median", lib.median);
+  report.Row(listening ? "daemon signal -> callback, journal" : "daemon signal -> callback", lib, floor);
+  report.Set(prefix + "signal_ratio_median", Ratio(lib.median, floor.median));
+  report.Set(prefix + "signal_ratio_p99", Ratio(lib.p99, floor.p99));
+  report.Set(prefix + "signal_lib_us_median", lib.median);
+  report.WriteSamples("signal_" + prefix + "lib", samples[Bench::kArmLib]);
+  report.WriteSamples("signal_" + prefix + "floor", samples[Bench::kArmFloor]);
+  if (listening) return;
+
   report.Set("signal_floor_us_median", floor.median);
-  report.WriteSamples("signal_lib", samples[Bench::kArmLib]);
-  report.WriteSamples("signal_floor", samples[Bench::kArmFloor]);
   if (!bench.options.silentPass) return;
   const Stats silent = Summarise(samples[Bench::kArmSilent]);
   report.Row("signal, library log silenced", silent, floor);

@@ -3,13 +3,17 @@
 #include <algorithm>
 
 namespace zv_bench {
+namespace {
 
+// Nearest-rank percentile `p` (0 to 100) of `sorted`; 0 when it is empty.
 double Percentile(const std::vector<double>& sorted, double p) {
   if (sorted.empty()) return 0;
   std::size_t rank = static_cast<std::size_t>(p / 100.0 * static_cast<double>(sorted.size()) + 0.999999);
   rank = std::min(std::max<std::size_t>(rank, 1), sorted.size());
   return sorted[rank - 1];
 }
+
+}  // namespace
 
 Stats Summarise(std::vector<double> values) {
   Stats stats;
@@ -18,11 +22,7 @@ Stats Summarise(std::vector<double> values) {
   stats.n = values.size();
   stats.median = Percentile(values, 50);
   stats.p99 = Percentile(values, 99);
-  stats.min = values.front();
   stats.max = values.back();
-  double sum = 0;
-  for (double v : values) sum += v;
-  stats.mean = sum / static_cast<double>(values.size());
   return stats;
 }
 

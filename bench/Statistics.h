@@ -10,11 +10,8 @@ namespace zv_bench {
 
 struct Stats {
   std::size_t n = 0;
-  double median = 0, p99 = 0, mean = 0, min = 0, max = 0;
+  double median = 0, p99 = 0, max = 0;
 };
-
-// Nearest-rank percentile `p` (0 to 100) of `sorted`; 0 when it is empty.
-double Percentile(const std::vector<double>& sorted, double p);
 
 Stats Summarise(std::vector<double> values);
 
