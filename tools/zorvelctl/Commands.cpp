@@ -76,8 +76,8 @@ int NoOutcome(Session& session, Event summary, const std::string& subject, Comma
 // when it did not end, failed or was refused (the run is over, `context`
 // leads its message), nothing when the daemon answered 0 or sent its list;
 // the outcome then goes to `told`.
-std::optional<int> Refused(Session& session, Event& summary, const std::string& subject, CommandId command,
-                           CommandOutcome* told = nullptr, const std::string& context = "") {
+std::optional<int> Judged(Session& session, Event& summary, const std::string& subject, CommandId command,
+                          CommandOutcome* told = nullptr, const std::string& context = "") {
   std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);
   if (!outcome) return NoOutcome(session, std::move(summary), subject, command);
   if (const std::string problem = Judge(*outcome, summary); !problem.empty()) {
@@ -85,6 +85,14 @@ std::optional<int> Refused(Session& session, Event& summary, const std::string& 
   }
   if (told != nullptr) *told = std::move(*outcome);
   return std::nullopt;
+}
+
+// Issues `method`(`id`) through `issue` and judges its outcome as Judged does.
+template <typename Issue>
+std::optional<int> Refused(Session& session, Event& summary, const std::string& method, int id, Issue issue) {
+  CommandId command = 0;
+  issue(&command);
+  return Judged(session, summary, Subject(method, id), command);
 }
 
 int RunBroadcast(Session& session, Launcher& launcher) {
@@ -117,7 +125,7 @@ int RunBroadcast(Session& session, Launcher& launcher) {
   const std::string found = std::to_string(instances) + (instances == 1 ? " instance" : " instances") + " found";
   // The outcome came during the call.
   if (const auto code =
-          Refused(session, stopped, Subject(kMethodStopBroadcast, std::nullopt), stop, nullptr, found + "; ")) {
+          Judged(session, stopped, Subject(kMethodStopBroadcast, std::nullopt), stop, nullptr, found + "; ")) {
     return *code;
   }
   return session.Finish(std::move(stopped), kExitOk, found + "; broadcast stopped");
@@ -128,7 +136,7 @@ int RunProfiles(Session& session, Launcher& launcher) {
   launcher.ReadProfiles(&command);  // empty at once: the list comes with the outcome
   Event summary("summary");
   CommandOutcome outcome;
-  if (const auto code = Refused(session, summary, Subject(kMethodReadProfiles, std::nullopt), command, &outcome)) {
+  if (const auto code = Judged(session, summary, Subject(kMethodReadProfiles, std::nullopt), command, &outcome)) {
     return *code;
   }
   // The list, unlike the instance-found events of the same read, carries
@@ -145,9 +153,10 @@ int RunProfiles(Session& session, Launcher& launcher) {
 int RunConnect(Session& session, Launcher& launcher) {
   const int id = session.options().id;
   Event summary = Event("summary").Int("id", id);
-  CommandId command = 0;
-  launcher.Connect(id, &command);
-  if (const auto code = Refused(session, summary, Subject(kMethodConnect, id), command)) return *code;
+  if (const auto code =
+          Refused(session, summary, kMethodConnect, id, [&](CommandId* command) { launcher.Connect(id, command); })) {
+    return *code;
+  }
 
   // Answered 0: the daemon reports the connection by an event (which may
   // have come before the answer). Events carry 16-bit ids.
@@ -179,9 +188,10 @@ int RunConnect(Session& session, Launcher& launcher) {
 int RunDelete(Session& session, Launcher& launcher) {
   const int id = session.options().id;
   Event summary = Event("summary").Int("id", id);
-  CommandId command = 0;
-  launcher.DeleteStoredProfile(id, &command);
-  if (const auto code = Refused(session, summary, Subject(kMethodDeleteStoredProfile, id), command)) return *code;
+  if (const auto code = Refused(session, summary, kMethodDeleteStoredProfile, id,
+                                [&](CommandId* command) { launcher.DeleteStoredProfile(id, command); })) {
+    return *code;
+  }
   return session.Finish(std::move(summary), kExitOk, "stored profile " + std::to_string(id) + " deleted");
 }
 
