@@ -13,13 +13,15 @@ namespace common {
 
 // A connection of its own to the message bus at `address`: not GLib's shared
 // one, whose loss would end the process. Exit-on-close is off. Null, with
-// `error` set, when the bus cannot be reached.
-inline GObjectPtr<GDBusConnection> OpenPrivateBusConnection(const std::string& address, GError** error) {
+// `error` set, when the bus cannot be reached or `cancellable` was cancelled.
+// Blocks until the bus answered: never call it on a main loop.
+inline GObjectPtr<GDBusConnection> OpenPrivateBusConnection(const std::string& address, GError** error,
+                                                            GCancellable* cancellable = nullptr) {
   GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
       address.c_str(),
       static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, error);
+      nullptr, cancellable, error);
   if (connection != nullptr) g_dbus_connection_set_exit_on_close(connection, FALSE);
   return GObjectPtr<GDBusConnection>(connection);
 }

@@ -9,6 +9,7 @@
 #include <common/GLibPtr.h>
 #include <dbus/client/ClientInternals.h>
 #include <dbus/client/DBusClientAsync.h>
+#include <dbus/client/OrderedDeliveries.h>
 #include <dbus/client/ServiceContract.h>
 #include <platform/Log.h>
 #include <zorvel/LauncherTesting.h>
@@ -63,11 +64,11 @@ struct detail::OutcomeRoute {
 
   // Runs the callback under the lock that keeps callbacks from overlapping.
   void Deliver(const CommandOutcome& outcome) {
-    std::lock_guard<std::recursive_mutex> exclusive(ClientInternals::CallbackMutex());
+    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::CallbackMutex());
     if (const auto current = Current(callback)) (*current)(outcome);
   }
   void Detach() {
-    std::lock_guard<std::recursive_mutex> exclusive(ClientInternals::CallbackMutex());
+    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::CallbackMutex());
     Replace(callback, OutcomeCallback());
   }
 };
@@ -138,12 +139,12 @@ class CommandRun {
   }
 
   // The shared client for this command, or none: then the operation (whose
-  // name its log line carries) reports it as not started. Stop, ReadProfiles
-  // and DeleteStoredProfile also need their own Launcher inited.
-  ClientLease Lease(const char* operation, bool needsInit, bool inited) {
+  // function and line its log line carries) reports it as not started. Stop,
+  // ReadProfiles and DeleteStoredProfile also need their own Launcher inited.
+  ClientLease Lease(const char* operation, int line, bool needsInit, bool inited) {
     ClientLease client = needsInit && !inited ? ClientLease() : detail::LeaseClient();
     if (!client) {
-      ZV_LOG_AT_(operation, kSystem, kInfo, "%s", kNotInitedMessage);
+      ZV_LOG_SITE_(operation, line, kSystem, kInfo, "%s", kNotInitedMessage);
       if (needsInit && !inited) {
         NotStarted(kErrorNotInited, "Init was not called on this Launcher");
       } else {
@@ -290,7 +291,7 @@ int Launcher::Connect(int id, CommandId* issued) noexcept {
     run.NotStarted(kErrorConnectPending, "a connection was requested already");
     return -1;
   }
-  const ClientLease client = run.Lease(__func__, false, inited_);
+  const ClientLease client = run.Lease(__func__, __LINE__, false, inited_);
   if (!client) return -1;
   try {
     if (!run.Queue(*client.get(), common::IntegerToVariant(id))) {
@@ -312,7 +313,7 @@ int Launcher::StartBroadcast(bool isOnlineCheck, CommandId* issued) noexcept {
   ZV_LOGI("StartBroadcast STARTED isOnlineCheck[%d]", isOnlineCheck ? 1 : 0);
   instanceConnected_ = false;
   CommandRun run(outcomes_, dbus::client::kMethodStartBroadcast, isOnlineCheck ? 1 : 0, issued);
-  const ClientLease client = run.Lease(__func__, false, inited_);
+  const ClientLease client = run.Lease(__func__, __LINE__, false, inited_);
   if (!client) return -1;
   try {
     if (!run.Queue(*client.get(), common::IntegerToVariant(isOnlineCheck ? 1 : 0))) {
@@ -331,7 +332,7 @@ int Launcher::StopBroadcast(CommandId* issued) noexcept {
   ZV_LOGI("StopBroadcast STARTED");
   instanceConnected_ = false;
   CommandRun run(outcomes_, dbus::client::kMethodStopBroadcast, std::nullopt, issued);
-  const ClientLease client = run.Lease(__func__, false, inited_);
+  const ClientLease client = run.Lease(__func__, __LINE__, false, inited_);
   if (!client) return -1;
   int result = -1;
   try {
@@ -360,7 +361,7 @@ int Launcher::Stop() noexcept { return Stop(nullptr); }
 int Launcher::Stop(CommandId* issued) noexcept {
   ZV_LOGI("Stop STARTED");
   CommandRun run(outcomes_, dbus::client::kMethodDeinit, std::nullopt, issued);
-  const ClientLease client = run.Lease(__func__, true, inited_);
+  const ClientLease client = run.Lease(__func__, __LINE__, true, inited_);
   if (!client) return -1;
   try {
     common::GVariantPtr reply;
@@ -382,7 +383,7 @@ std::vector<common::SessionProfile> Launcher::ReadProfiles() noexcept { return R
 std::vector<common::SessionProfile> Launcher::ReadProfiles(CommandId* issued) noexcept {
   ZV_LOGI("ReadProfiles STARTED");
   CommandRun run(outcomes_, dbus::client::kMethodReadProfiles, std::nullopt, issued);
-  const ClientLease client = run.Lease(__func__, true, inited_);
+  const ClientLease client = run.Lease(__func__, __LINE__, true, inited_);
   if (!client) return {};
   try {
     if (!run.Queue(*client.get(), nullptr)) {
@@ -400,7 +401,7 @@ int Launcher::DeleteStoredProfile(int id) noexcept { return DeleteStoredProfile(
 
 int Launcher::DeleteStoredProfile(int id, CommandId* issued) noexcept {
   CommandRun run(outcomes_, dbus::client::kMethodDeleteStoredProfile, id, issued);
-  const ClientLease client = run.Lease(__func__, true, inited_);
+  const ClientLease client = run.Lease(__func__, __LINE__, true, inited_);
   if (!client) return -1;
   try {
     run.Queue(*client.get(), common::IntegerToVariant(id));

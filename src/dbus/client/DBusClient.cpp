@@ -6,6 +6,7 @@
 #include <common/BusConnection.h>
 #include <dbus/client/CallbackAnchor.h>
 #include <dbus/client/ClientInternals.h>
+#include <dbus/client/OrderedDeliveries.h>
 #include <dbus/client/ServiceContract.h>
 #include <platform/Log.h>
 
@@ -33,11 +34,11 @@ common::GObjectPtr<T> NewRef(T* object) {
 
 // A private connection to the system bus at the address GLib would use for
 // its shared one: ending the host when the bus goes is never ours to do.
-common::GObjectPtr<GDBusConnection> ConnectToSystemBus(common::GErrorPtr& error) {
+common::GObjectPtr<GDBusConnection> ConnectToSystemBus(common::GErrorPtr& error, GCancellable* cancellable) {
   GError* rawError = nullptr;
-  common::GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &rawError));
+  common::GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, cancellable, &rawError));
   common::GObjectPtr<GDBusConnection> connection;
-  if (address) connection = common::OpenPrivateBusConnection(address.get(), &rawError);
+  if (address) connection = common::OpenPrivateBusConnection(address.get(), &rawError, cancellable);
   error.reset(rawError);
   return connection;
 }
@@ -74,7 +75,7 @@ common::GObjectPtr<GDBusConnection> DBusClient::OpenBusConnection(common::GError
   if (auto open = BusConnection()) return open;
   // Opened outside the lock (it blocks on the bus); should two threads get
   // here at once, the first one's connection wins and the other is closed.
-  common::GObjectPtr<GDBusConnection> fresh = ConnectToSystemBus(error);
+  common::GObjectPtr<GDBusConnection> fresh = ConnectToSystemBus(error, cancellable_.get());
   if (!fresh) return nullptr;
   common::GObjectPtr<GDBusConnection> replaced;
   {
@@ -106,7 +107,7 @@ bool DBusClient::Connect() {
   if (bus) {
     GError* rawError = nullptr;
     proxy = g_dbus_proxy_new_sync(bus.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, kBusName.c_str(), kObjectPath.c_str(),
-                                  kInterfaceName.c_str(), nullptr, &rawError);
+                                  kInterfaceName.c_str(), cancellable_.get(), &rawError);
     error.reset(rawError);
   }
   std::string remembered;
@@ -127,7 +128,9 @@ bool DBusClient::Connect() {
     signalSubscriptionId_ = g_dbus_connection_signal_subscribe(
         bus.get(), kBusName.c_str(), kInterfaceName.c_str(), nullptr, kObjectPath.c_str(), nullptr,
         G_DBUS_SIGNAL_FLAGS_NONE, &DBusClient::SignalHandler, NewCallbackHandle(), &DBusClient::FreeCallbackHandle);
-    LaunchBusWatcher();
+    // On the proxy's own connection: a watcher on another one would follow
+    // the daemon on a bus the proxy no longer talks to, or on none.
+    LaunchBusWatcher(bus.get());
     connected_ = true;
     return connected_;
   }
@@ -222,18 +225,24 @@ void DBusClient::SetIpcReadyCallback(std::function<void(bool)> callback) {
 }
 
 void DBusClient::LaunchBusWatcher() {
-  std::string name;
+  common::GObjectPtr<GDBusConnection> bus;
   {
     std::lock_guard<std::mutex> lock(stateMutex_);
-    if (busWatcherId_ != 0 || busName_.empty()) return;
-    name = busName_;
+    if (proxy_) bus = NewRef(g_dbus_proxy_get_connection(proxy_.get()));
   }
+  // Without a proxy: the client's connection, opened if need be (which waits
+  // for the bus; the library itself only ever watches on the proxy's).
   common::GErrorPtr error;
-  common::GObjectPtr<GDBusConnection> bus = OpenBusConnection(error);
-  if (!bus) return;
+  if (!bus) bus = OpenBusConnection(error);
+  if (bus) LaunchBusWatcher(bus.get());
+}
+
+void DBusClient::LaunchBusWatcher(GDBusConnection* bus) {
+  // A watcher on a connection that closed meanwhile reports the name as
+  // vanished, which restores the link: nothing is left waiting.
   std::lock_guard<std::mutex> lock(stateMutex_);
-  if (busWatcherId_ != 0) return;
-  busWatcherId_ = g_bus_watch_name_on_connection(bus.get(), name.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+  if (busWatcherId_ != 0 || busName_.empty()) return;
+  busWatcherId_ = g_bus_watch_name_on_connection(bus, busName_.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
                                                  &DBusClient::OnBusNameAvailable, &DBusClient::OnBusNameVanished,
                                                  NewCallbackHandle(), &DBusClient::FreeCallbackHandle);
 }
@@ -316,7 +325,7 @@ void DBusClient::HandleSignal(const std::string& signalName, GVariant* parameter
     ZV_LOGI("Haven't found callback for signal %s. Skipping processing...", signalName.c_str());
     return;
   }
-  std::lock_guard<std::recursive_mutex> lock(SignalMutex());
+  detail::CallbackExclusion exclusive(SignalMutex());
   (*handler)(parameters);
 }
 

@@ -56,7 +56,9 @@ class ZORVEL_API DBusClient {
 
   // Creates the proxy and subscribes to the daemon's signals; true when
   // connected. Fails while the name has no owner or is still owned by the
-  // instance last recorded (one that is going away).
+  // instance last recorded (one that is going away). Blocks until the bus
+  // (and the daemon, for the proxy) answered: the command layer calls it on
+  // a thread of its own, never on the main loop.
   virtual bool Connect();
   // Drops the subscription and the proxy; false when it was not connected.
   virtual bool Disconnect();
@@ -71,6 +73,8 @@ class ZORVEL_API DBusClient {
   // between calls); it may be replaced at any time, also while it runs.
   void SetIpcReadyCallback(std::function<void(bool)> callback);
 
+  // Starts the name watcher, if none runs, on the proxy's connection, or
+  // without a proxy on the client's connection to the bus.
   void LaunchBusWatcher();
   void StopBusWatcher();
 
@@ -122,6 +126,7 @@ class ZORVEL_API DBusClient {
 
   // Records `nameOwner` ("" when the name vanished) and tells the ready callback.
   void NotifyIpcReady(bool isReady, const char* nameOwner);
+  void LaunchBusWatcher(GDBusConnection* bus);
 
   // Fields in the order of the client's data model. The GLib callbacks (main
   // loop thread) and the application's threads share them as noted. A

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
-#include <thread>
 #include <utility>
 
 #include <dbus/client/CallbackAnchor.h>
 #include <dbus/client/CommandGate.h>
 #include <dbus/client/CommandIntake.h>
 #include <dbus/client/CommandTally.h>
+#include <dbus/client/LibraryThread.h>
 #include <dbus/client/OrderedDeliveries.h>
 #include <dbus/client/ServiceContract.h>
 #include <dbus/client/TestHooks.h>
@@ -33,26 +33,14 @@ std::mutex& RestoreMutex() {
   return *mutex;
 }
 
-// Releases the one reference the command layer holds to a command's params.
-struct ParamsRef {
-  explicit ParamsRef(GVariant* value) : params(value) {}
-  ~ParamsRef() { reset(); }
-  ParamsRef(const ParamsRef&) = delete;
-  ParamsRef& operator=(const ParamsRef&) = delete;
-  void reset() {
-    if (params != nullptr) g_variant_unref(std::exchange(params, nullptr));
-  }
-  GVariant* release() { return std::exchange(params, nullptr); }
-  GVariant* params;
-};
-
 }  // namespace
 
 DBusClientAsync::DBusClientAsync()
-    : intake_(std::make_unique<detail::CommandIntake>()),
+    : intake_(std::make_unique<detail::CommandIntake<IntakeItem>>()),
       deliveries_(std::make_unique<detail::OrderedDeliveries>()),
       tally_(std::make_unique<detail::CommandTally>()),
-      gate_(std::make_shared<detail::CommandGate>()) {
+      gate_(std::make_shared<detail::CommandGate>()),
+      linkGate_(std::make_shared<detail::CommandGate>()) {
   SetFunctions();
 }
 
@@ -71,19 +59,10 @@ DBusClientAsync::~DBusClientAsync() {
   DetachCallbacks();
   ResetTimer(true);
 
-  std::future<bool> task;
-  {
-    std::lock_guard<std::mutex> lock(RestoreMutex());
-    task = std::move(reconnectFuture_);
-  }
-  if (task.valid()) {
-    try {
-      task.get();
-    } catch (const std::exception&) {
-      // The task failed; there is nothing left to undo.
-    }
-  }
-  ResetTimer(true);  // one the task may have armed before it saw closing_
+  // The restoration task and a connect attempt fail fast now that calls are
+  // cancelled; a timer the task armed before it saw closing_ goes after them.
+  linkGate_->WaitIdle();
+  DropTimer();
 
   gate_->WaitIdle();
   std::unique_lock<std::mutex> lock(poolMutex_);
@@ -123,11 +102,11 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
   // throws here and delivers nothing.
   self.profiles_ = common::VariantToProfiles(self.lastReply_);
   ZV_LOGI_THD("Read profiles size[%zu]", self.profiles_.size());
-  // Queued, not dispatched: the handlers run once poolMutex_ is released. The
-  // payloads are made there too, so that nothing of theirs holds up the
-  // command's end (the list), which is told before them.
+  // Queued, not dispatched: the handlers run once the command has ended and
+  // no lock of the layer is held. The payloads are made there too, so that
+  // nothing of theirs holds up the command's end (the list), told before them.
   for (const common::SessionProfile& profile : self.profiles_) {
-    self.deliveries_->Add([&self, profile] {
+    self.foundDeliveries_.push_back([&self, profile] {
       if (self.closing_) return;
       const common::GVariantPtr payload = common::SinkVariant(common::SerializeIntoGVariant(profile.name, profile.id));
       if (!payload) {
@@ -156,50 +135,63 @@ bool DBusClientAsync::Submit(const std::string& method, GVariant* params, int ti
     return false;
   }
 
-  std::shared_ptr<detail::CommandGate> gate = gate_;
-  gate->Enter();
   tally_->Add(&Counts::accepted);
   try {
-    intake_->Put(CommandData{{method, params, nullptr, timeout}, entry->second, std::move(observer)}, [this, &gate] {
-      std::thread([this, gate] {
-        ExecuteCommand(nullptr);
-        // The last touch of this object's memory is through `gate`, which the
-        // thread co-owns: the destructor may run as soon as the count drops.
-        gate->Leave();
-      }).detach();
-    });
+    StartIntakeThread(CommandData{{method, params, nullptr, timeout}, entry->second, std::move(observer)});
   } catch (...) {
     tally_->Add(&Counts::accepted, -1);
-    gate->Leave();
     if (params != nullptr) g_variant_unref(params);
     throw;
   }
   return true;
 }
 
+void DBusClientAsync::StartIntakeThread(IntakeItem item) {
+  std::shared_ptr<detail::CommandGate> gate = gate_;
+  gate->Enter();
+  try {
+    intake_->Put(std::move(item), [this, &gate] {
+      detail::StartLibraryThread([this, gate] {
+        ExecuteCommand(nullptr);
+        // The last touch of this object's memory is through `gate`, which the
+        // thread co-owns: the destructor may run as soon as the count drops.
+        gate->Leave();
+      });
+    });
+  } catch (...) {
+    gate->Leave();
+    throw;
+  }
+}
+
 int DBusClientAsync::ExecuteCommand(const CommandData& command) { return ExecuteCommand(&command); }
 
 // Named like the public overload: its log lines carry the function name.
 int DBusClientAsync::ExecuteCommand(const CommandData* given) {
-  CommandData next;
+  std::unique_lock<std::mutex> run(runMutex_);
+  IntakeItem next;
   const CommandData* command = given;
-  ParamsRef params(nullptr);
+  if (command == nullptr) {  // taken under runMutex_, so the intake order is the execution order
+    next = intake_->Take();
+    if (!next) {
+      HeldCommandsReplay{this}(run);
+      return 0;
+    }
+    command = &*next;
+  }
+  common::GVariantPtr params(command->parameters.params);  // the layer's one reference
   bool ended = false;  // Finish was called for the command (or its pooled copy took over)
   std::unique_lock<std::mutex> lock(poolMutex_, std::defer_lock);
   // Ends the command without running or holding it.
   const auto endHere = [&](CommandEnd::Kind kind) {
     ended = true;
     Finish(*command, CommandEnd{kind});
+    run.unlock();
     DeliverQueued(lock);
     return 0;
   };
   try {
     lock.lock();
-    if (command == nullptr) {  // taken under poolMutex_, so the intake order is the execution order
-      next = intake_->Take();
-      command = &next;
-    }
-    params.params = command->parameters.params;
     const std::string& method = command->parameters.method;
     if (closing_) return endHere(CommandEnd::Kind::kDiscarded);
     ZV_LOGI_THD("ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]", method.c_str(), ready_ ? 1 : 0,
@@ -218,7 +210,8 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
       activeCommand_ = method;
       ZV_LOGI("Ipc is ready - make call");
       ended = true;  // RunFunction ends it, also when the function throws
-      if (!RunFunction(*command, false)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
+      lock.unlock();
+      if (!RunFunction(*command, false, lock)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
       params.reset();
     } else {
       activeCommand_.clear();
@@ -238,20 +231,22 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
         g_variant_ref_sink(pooled.parameters.params);
       }
       commandPool_.push_back(std::move(pooled));
-      params.release();  // the pool holds the reference now
-      ended = true;      // the pooled copy ends later
+      (void)params.release();  // the pool holds the reference now
+      ended = true;            // the pooled copy ends later
       Finish(*command, CommandEnd{CommandEnd::Kind::kHeld});
       ZV_LOGI_THD("Ipc isn't ready, move command[%s] into pool[%zu], isConnectionLost[%d]", method.c_str(),
                   commandPool_.size(), ready_ ? 1 : 0);
     }
+    run.unlock();
     DeliverQueued(lock);
   } catch (const std::exception& exception) {
-    if (lock.owns_lock() && !ended && command != nullptr) {
+    if (lock.owns_lock() && !ended) {
       CommandEnd end{CommandEnd::Kind::kFailedToRun};
       end.failure = exception.what();
       Finish(*command, std::move(end));
     }
     ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
+    if (run.owns_lock()) run.unlock();
     if (lock.owns_lock()) DeliverQueued(lock);
     return -1;
   }
@@ -259,15 +254,17 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
   return 0;
 }
 
-bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld) {
+bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld, std::unique_lock<std::mutex>& poolLock) {
   CommandEnd end{CommandEnd::Kind::kRan, wasHeld};
-  const std::size_t firstDelivery = deliveries_->Pending();  // the end is told before the deliveries it made
+  foundDeliveries_.clear();
   bool ran = false;
   try {
     ran = command.function(command.parameters);
   } catch (const std::exception& exception) {
+    foundDeliveries_.clear();
     end.failure = exception.what();
-    Finish(command, std::move(end), firstDelivery);
+    poolLock.lock();
+    Finish(command, std::move(end));
     throw;
   }
   if (command.parameters.result == nullptr && lastReply_ != nullptr) {
@@ -275,15 +272,19 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld) {
   }
   if (!ran && lastError_) end.error.reset(lastError_.release(), g_error_free);
   if (ran && command.parameters.method == kMethodReadProfiles) end.profiles = profiles_;
-  Finish(command, std::move(end), firstDelivery);
+  std::vector<std::function<void()>> found = std::move(foundDeliveries_);
+  foundDeliveries_.clear();
+  poolLock.lock();
+  Finish(command, std::move(end));  // the end (the list) is told before the list's deliveries
+  for (auto& delivery : found) deliveries_->Add(std::move(delivery));
   return ran;
 }
 
-void DBusClientAsync::Finish(const CommandData& command, CommandEnd end, std::size_t deliveryAt) {
+void DBusClientAsync::Finish(const CommandData& command, CommandEnd end) {
   switch (end.kind) {
     case CommandEnd::Kind::kRan:
       tally_->Add(end.wasHeld ? &Counts::replayed : &Counts::ranAtOnce, 1,
-                  end.wasHeld ? commandPool_.size() - 1 : detail::CommandTally::kHeldUnchanged);
+                  end.wasHeld ? commandPool_.size() : detail::CommandTally::kHeldUnchanged);
       break;
     case CommandEnd::Kind::kDroppedAsRepeat:
       tally_->Add(&Counts::droppedDuplicate);
@@ -299,10 +300,9 @@ void DBusClientAsync::Finish(const CommandData& command, CommandEnd end, std::si
       break;
   }
   if (!command.observer) return;
-  deliveries_->Insert(std::min(deliveryAt, deliveries_->Pending()),
-                      [observer = command.observer, shared = std::make_shared<const CommandEnd>(std::move(end))] {
-                        observer(*shared);
-                      });
+  deliveries_->Add([observer = command.observer, shared = std::make_shared<const CommandEnd>(std::move(end))] {
+    observer(*shared);
+  });
 }
 
 void DBusClientAsync::DeliverQueued(std::unique_lock<std::mutex>& poolLock) {
@@ -330,19 +330,44 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
     self.RestoreConnection();
     return;
   }
+  if (self.commandPool_.empty() || self.closing_) return;
 
-  while (!self.commandPool_.empty() && !self.closing_) {
-    const CommandData command = self.commandPool_.front();
+  // The replay makes one call to the daemon per held command: on a thread of
+  // the library, never on the application's main loop. It takes its place in
+  // the intake, so it runs after the commands accepted before now and before
+  // any accepted later (those meanwhile find the pool not empty and join it).
+  try {
+    self.StartIntakeThread(IntakeItem());
+    testing::Hook(testing::Point::kReplayHandedOver);
+    return;
+  } catch (const std::exception& exception) {
+    ZV_LOGE("No thread for the replay (%s): replaying here", exception.what());
+  }
+  lock.unlock();
+  std::unique_lock<std::mutex> run(self.runMutex_);
+  HeldCommandsReplay{&self}(run);
+}
+
+void DBusClientAsync::HeldCommandsReplay::operator()(std::unique_lock<std::mutex>& runLock) const {
+  DBusClientAsync& self = *client;
+  std::unique_lock<std::mutex> lock(self.poolMutex_);
+  // Stops when the daemon went again (or the layer was disconnected): what is
+  // still held then waits for the next readiness.
+  while (self.ready_ && !self.commandPool_.empty() && !self.closing_) {
+    // Taken out before it runs, so that a Disconnect meanwhile cannot end it a second time.
+    const CommandData command = std::move(self.commandPool_.front());
+    self.commandPool_.pop_front();
+    const common::GVariantPtr params(command.parameters.params);
     ZV_LOGI_THD("IpcReady command[%s] STARTED", command.parameters.method.c_str());
+    lock.unlock();
     try {
-      self.RunFunction(command, true);
+      self.RunFunction(command, true, lock);
     } catch (const std::exception&) {
       ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
     }
-    if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
-    self.commandPool_.pop_front();
     ZV_LOGI_THD("IpcReady command[%s] FINISHED", command.parameters.method.c_str());
   }
+  runLock.unlock();
   self.DeliverQueued(lock);
 }
 
@@ -379,7 +404,9 @@ gboolean DBusClientAsync::OnConnectTimer(gpointer handle) {
   detail::CallbackScope scope(handle);
   auto* self = static_cast<DBusClientAsync*>(scope.client());
   if (self == nullptr) return G_SOURCE_REMOVE;
-  return self->AttemptConnect(true) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+  // The attempt removes the timer once it connected.
+  self->RequestAttempt(true);
+  return G_SOURCE_CONTINUE;
 }
 
 void DBusClientAsync::OnDaemonNameAppeared(GDBusConnection* /*connection*/, const char* /*name*/, const char* nameOwner,
@@ -392,7 +419,50 @@ void DBusClientAsync::OnDaemonNameAppeared(GDBusConnection* /*connection*/, cons
     std::lock_guard<std::mutex> lock(self->timerMutex_);
     if (self->nameWatchId_ == 0) return;
   }
-  self->AttemptConnect(false);
+  self->RequestAttempt(false);
+}
+
+void DBusClientAsync::RequestAttempt(bool fromTimer) {
+  {
+    std::lock_guard<std::mutex> lock(attemptMutex_);
+    if (closing_) return;
+    if (attemptRunning_) {
+      // The running attempt may have asked before the name had an owner: one
+      // more follows it. The timer asks again by itself.
+      if (!fromTimer) attemptAgain_ = true;
+      return;
+    }
+    attemptRunning_ = true;
+  }
+  // Opening the bus connection and creating the proxy wait for the bus (and
+  // the proxy for the daemon): never on the main loop.
+  std::shared_ptr<detail::CommandGate> gate = linkGate_;
+  gate->Enter();
+  try {
+    detail::StartLibraryThread([this, gate, fromTimer] {
+      RunAttempts(fromTimer);
+      gate->Leave();
+    });
+  } catch (const std::exception& exception) {
+    ZV_LOGE("No thread for a connect attempt (%s); the timer asks again", exception.what());
+    gate->Leave();
+    std::lock_guard<std::mutex> lock(attemptMutex_);
+    attemptRunning_ = false;
+  }
+}
+
+void DBusClientAsync::RunAttempts(bool fromTimer) {
+  for (;;) {
+    const bool connected = AttemptConnect(fromTimer);
+    std::lock_guard<std::mutex> lock(attemptMutex_);
+    if (connected || !attemptAgain_ || closing_) {
+      attemptRunning_ = false;
+      attemptAgain_ = false;
+      return;
+    }
+    attemptAgain_ = false;
+    fromTimer = false;
+  }
 }
 
 bool DBusClientAsync::AttemptConnect(bool fromTimer) {
@@ -400,7 +470,6 @@ bool DBusClientAsync::AttemptConnect(bool fromTimer) {
   ZV_LOGI_THD("Try to connect to DBus server");
   if (DBusClient::Connect()) {
     testing::Hook(fromTimer ? testing::Point::kConnectedByTimer : testing::Point::kConnectedByNameWatch);
-    // From the timer's own callback the source goes by returning FALSE.
     ResetTimer(!fromTimer);
     return true;
   }
@@ -413,11 +482,22 @@ bool DBusClientAsync::AttemptConnect(bool fromTimer) {
 void DBusClientAsync::StartNameWatch() {
   common::GObjectPtr<GDBusConnection> bus = BusConnection();
   if (!bus) return;  // the bus itself is away: only the timer can tell when it is back
-  std::lock_guard<std::mutex> lock(timerMutex_);
-  if (nameWatchId_ != 0 || connectTimerId_ == 0 || closing_) return;
-  nameWatchId_ = g_bus_watch_name_on_connection(bus.get(), kBusName.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
-                                                &DBusClientAsync::OnDaemonNameAppeared, nullptr, NewCallbackHandle(),
-                                                &DBusClient::FreeCallbackHandle);
+  guint stale = 0;
+  common::GObjectPtr<GDBusConnection> staleBus;
+  {
+    std::lock_guard<std::mutex> lock(timerMutex_);
+    if (connectTimerId_ == 0 || closing_) return;
+    if (nameWatchId_ != 0 && nameWatchBus_.get() == bus.get()) return;
+    // A watch on a connection that has since closed (the bus restarted)
+    // would never report the daemon: it is replaced by one on the new one.
+    stale = nameWatchId_;
+    staleBus = std::move(nameWatchBus_);
+    nameWatchId_ = g_bus_watch_name_on_connection(bus.get(), kBusName.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                  &DBusClientAsync::OnDaemonNameAppeared, nullptr, NewCallbackHandle(),
+                                                  &DBusClient::FreeCallbackHandle);
+    nameWatchBus_ = std::move(bus);
+  }
+  if (stale != 0) g_bus_unwatch_name(stale);
 }
 
 void DBusClientAsync::ArmRestoration() {
@@ -427,18 +507,29 @@ void DBusClientAsync::ArmRestoration() {
 
 void DBusClientAsync::ResetTimer(bool remove) {
   ZV_LOGI("Reset timer (remove: %d)", remove ? 1 : 0);
-  GSource* source = nullptr;
-  guint watch = 0;
   {
     std::lock_guard<std::mutex> lock(timerMutex_);
     if (remove && connectTimerId_ == 0) return;  // the watch lives only while the timer is armed
+  }
+  // Without `remove` the source goes too: the attempt that connected ran on
+  // a thread of its own, not in the timer's callback that would return FALSE.
+  DropTimer();
+}
+
+void DBusClientAsync::DropTimer() {
+  GSource* source = nullptr;
+  guint watch = 0;
+  common::GObjectPtr<GDBusConnection> watchBus;
+  {
+    std::lock_guard<std::mutex> lock(timerMutex_);
     connectTimerId_ = 0;
     source = std::exchange(connectTimerSource_, nullptr);
     watch = std::exchange(nameWatchId_, 0);
+    watchBus = std::move(nameWatchBus_);
   }
   if (watch != 0) g_bus_unwatch_name(watch);
   if (source == nullptr) return;
-  if (remove) g_source_destroy(source);  // no-op if it already went
+  g_source_destroy(source);  // a no-op if it already went
   g_source_unref(source);
 }
 
@@ -458,7 +549,9 @@ bool DBusClientAsync::Disconnect() {
 
 void DBusClientAsync::Reconnect() {
   ZV_LOGI("Reconnect start");
-  std::lock_guard<std::mutex> lock(poolMutex_);
+  // No command runs and no replay happens between dropping the link and
+  // arming the timer.
+  std::lock_guard<std::mutex> run(runMutex_);
   testing::Hook(testing::Point::kReconnectAwaitsLink);
   {
     std::lock_guard<std::mutex> link(linkMutex_);
@@ -478,7 +571,7 @@ void DBusClientAsync::RestoreConnection() {
   ZV_LOGI("RestoreConnection start");
   {
     std::lock_guard<std::mutex> lock(RestoreMutex());
-    if (closing_) return;  // teardown has already waited for the last task
+    if (closing_) return;  // teardown waits for the last task
     if (reconnectFuture_.valid() && reconnectFuture_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
       ZV_LOGI("Reconnecting is still running. Return");
       // The running task may be past its Reconnect, and the retry timer it
@@ -489,10 +582,21 @@ void DBusClientAsync::RestoreConnection() {
       return;
     }
     reconnectPassed_ = false;
-    reconnectFuture_ = std::async(std::launch::async, [this] {
-      Reconnect();
-      return true;
-    });
+    std::promise<bool> done;
+    std::future<bool> finished = done.get_future();
+    std::shared_ptr<detail::CommandGate> gate = linkGate_;
+    gate->Enter();
+    try {
+      detail::StartLibraryThread([this, gate, done = std::make_shared<std::promise<bool>>(std::move(done))] {
+        Reconnect();
+        done->set_value(true);
+        gate->Leave();
+      });
+    } catch (...) {
+      gate->Leave();
+      throw;
+    }
+    reconnectFuture_ = std::move(finished);
   }
   ZV_LOGI("RestoreConnection end");
 }

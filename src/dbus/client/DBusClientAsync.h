@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@ namespace client {
 
 namespace detail {
 class CommandGate;
+template <typename Item>
 class CommandIntake;
 class CommandTally;
 class OrderedDeliveries;
@@ -32,32 +34,47 @@ class OrderedDeliveries;
 // the daemon is not ready, commands are held in a pool and replayed, oldest
 // first and at most once, when the daemon's bus name gets a new owner.
 //
+// Nothing of this layer makes the application's main loop wait for the
+// daemon or the bus: the readiness handler only marks the layer ready and
+// hands the replay to a library thread, connect attempts (opening the bus
+// connection, creating the proxy) run on a library thread, and no lock that
+// the main loop takes is held across a D-Bus call.
+//
 // A lost link is restored in the background, whether or not commands are
 // held, so that the daemon's signals reach a listening application after the
-// daemon restarted: a 500 ms retry timer on the default main context tries to
-// connect, and while it runs the daemon's name is watched, so that the
-// attempt is made at once when the name gets an owner.
+// daemon restarted: a 500 ms retry timer on the default main context asks for
+// a connect attempt, and while it runs the daemon's name is watched, so that
+// the attempt is made at once when the name gets an owner.
 //
 // Lock order (outermost first), extending DBusClient's:
 //   callback anchor (main-loop callbacks) -> signal mutex (a handler that calls
-//   Disconnect) -> poolMutex_ -> linkMutex_ -> DBusClient's connectionMutex_,
-//   and poolMutex_ -> restoreMutex -> timerMutex_. timerMutex_ and the locks
-//   of the small mechanisms (intake, deliveries, gate, tally) are leaves.
+//   Disconnect) -> poolMutex_;
+//   runMutex_ -> poolMutex_ -> restoreMutex -> timerMutex_, and poolMutex_ ->
+//   DBusClient's connectionMutex_ (a base Disconnect, which never waits for
+//   the bus);
+//   runMutex_ -> linkMutex_ -> DBusClient's connectionMutex_ -> timerMutex_.
+//   timerMutex_, attemptMutex_ and the locks of the small mechanisms (intake,
+//   deliveries, gates, tally) are leaves. Only runMutex_ and linkMutex_ are
+//   ever held across a call to the daemon or the bus, and the main loop takes
+//   neither.
 //
 // How the hazards of this layer are closed:
-//  - Deliveries vs. Disconnect: the profile-reading command only queues its
-//    "onFound" payloads while poolMutex_ is held; they are dispatched after
-//    it is released, batch by batch in the order the replies were read. So a
-//    callback may call StopBroadcast/Disconnect, and onDbusClosing (signal
-//    mutex held) never waits for a thread that waits for the signal mutex.
+//  - Deliveries vs. Disconnect: outcomes and the "onFound" payloads of a
+//    profile read are queued under poolMutex_ and dispatched after it is
+//    released, batch by batch in the order they were queued. A thread that
+//    is inside an application callback (it holds the signal mutex) never
+//    waits for a batch's turn: its batch is put off until it left the
+//    callback, so an earlier batch waiting for the signal mutex always gets
+//    it (see OrderedDeliveries).
 //  - Restoration vs. a connect attempt: both run under linkMutex_, and a
 //    restoration leaves a link alone that an attempt made meanwhile; so the
 //    layer is never ready without a link (a command that found it so would
 //    drop the readiness and have the link restored).
-//  - Commands outliving the client: every accepted command is counted in a
-//    gate that its thread shares; the destructor lets them run for a grace
-//    period, then cancels the D-Bus call in flight, discards commands that
-//    have not run yet and waits for the count to reach zero.
+//  - Commands outliving the client: every accepted command, replay, connect
+//    attempt and restoration is counted in a gate that its thread shares; the
+//    destructor lets commands run for a grace period, then cancels the D-Bus
+//    calls in flight, discards commands that have not run yet and waits for
+//    the counts to reach zero.
 //  - Main-loop callbacks vs. teardown: the timer, watcher and signal
 //    registrations carry a handle, not the client; the destructor detaches the
 //    handle first (waiting for a callback that is running), so one that GLib
@@ -112,7 +129,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     std::uint64_t failed = 0;     // an exception before the command could run
     std::uint64_t pooled = 0;     // ever entered the pool (each later replayed or discarded)
     std::uint64_t held = 0;       // in the pool now
-    std::uint64_t inFlight = 0;   // accepted, command thread not yet finished
+    std::uint64_t inFlight = 0;   // accepted, command thread not yet finished (or a replay running)
   };
 
   DBusClientAsync();
@@ -124,7 +141,9 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
 
   // Arms the connect retry timer; always true.
   bool Connect() override;
-  // Forgets readiness and drops the held commands; keeps the D-Bus link.
+  // While ready: forgets readiness and drops the held commands; keeps the
+  // D-Bus link. While not ready it changes nothing (held commands stay held
+  // for the next readiness). Never waits for the daemon or the bus.
   bool Disconnect() override;
   void Reconnect() override;
   // Accepts `method` for execution and returns at once: true when accepted,
@@ -133,10 +152,13 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout) override;
   // Call, with `observer` told how the command ended: exactly once with its
   // end, and before that with kHeld if it was held. It runs without any lock
-  // of this client held, after the "onFound" deliveries of a profile read,
-  // on the thread that ended the command: a command thread, the main-loop
-  // thread (a replay, or a Disconnect there), the thread calling Disconnect,
-  // or the destroying thread. Not called when the method is unknown (false).
+  // of this client held, before the "onFound" deliveries of a profile read,
+  // on the thread that ended the command: a command thread, the library
+  // thread that replays held commands, the main-loop thread (a Disconnect
+  // there), the thread calling Disconnect, or the destroying thread; on a
+  // thread that is inside a callback, once that callback returned. Not called
+  // when the method is unknown (false). Throws std::system_error (the
+  // command then not taken, `params` released) when no thread can be started.
   bool Submit(const std::string& method, GVariant* params, int timeout, CommandObserver observer);
 
   // Runs or pools `command`, whose params reference this layer owns.
@@ -147,9 +169,14 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   Counts GetCounts();
 
  private:
+  // An accepted command, or (empty) the replay of the held commands, in the
+  // order in which library threads take them.
+  using IntakeItem = std::optional<CommandData>;
+
   void SetFunctions();
-  // The two command functions of the table and the IpcReady handler: small
-  // callables that hold the client pointer and nothing else.
+  // The two command functions of the table, the IpcReady handler and the
+  // replay it hands over: small callables that hold the client pointer and
+  // nothing else.
   struct ForwardingCommand {
     DBusClientAsync* client;
     bool operator()(const CommandData::Parameters& parameters) const;
@@ -162,29 +189,44 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     DBusClientAsync* client;
     void operator()(bool isReady) const;
   };
+  struct HeldCommandsReplay {
+    DBusClientAsync* client;
+    void operator()(std::unique_lock<std::mutex>& runLock) const;  // runMutex_ held; released before deliveries
+  };
+  // Starts a thread that takes the oldest item of the intake; throws when
+  // no thread can be started (the item is then not put in).
+  void StartIntakeThread(IntakeItem item);
   int ExecuteCommand(const CommandData* given);  // null: the oldest accepted command
   // Runs the command's function and ends it as run (a throw passes on).
-  bool RunFunction(const CommandData& command, bool wasHeld);  // poolMutex_ held
-  // Ends `command`: counts it and queues its observer's call (at position
-  // `deliveryAt` among the deliveries not yet run, by default last).
-  void Finish(const CommandData& command, CommandEnd end,
-              std::size_t deliveryAt = static_cast<std::size_t>(-1));  // poolMutex_ held
-  void DiscardPool();                                                  // poolMutex_ held
+  // runMutex_ held and `poolLock` released on entry; `poolLock` held on
+  // every way out.
+  bool RunFunction(const CommandData& command, bool wasHeld, std::unique_lock<std::mutex>& poolLock);
+  // Ends `command`: counts it and queues its observer's call.
+  void Finish(const CommandData& command, CommandEnd end);  // poolMutex_ held
+  void DiscardPool();                                       // poolMutex_ held
   // Runs what was queued under poolMutex_, releasing it first.
   void DeliverQueued(std::unique_lock<std::mutex>& poolLock);
 
-  // One connect attempt of the retry timer or of the name watch; true when
-  // connected. Takes linkMutex_.
+  // Asks for a connect attempt on a library thread; one runs at a time.
+  void RequestAttempt(bool fromTimer);
+  // The attempts of one attempt thread: the one asked for, and one more for
+  // each request that came while it ran.
+  void RunAttempts(bool fromTimer);
+  // One connect attempt; true when connected. Takes linkMutex_.
   bool AttemptConnect(bool fromTimer);
   void StartNameWatch();
   // Arms the retry timer and, while it is armed, the watch on the daemon's name.
   void ArmRestoration();
+  // Forgets the timer and the name watch; removes the timer's source.
+  void DropTimer();
   static gboolean OnConnectTimer(gpointer handle);
   static void OnDaemonNameAppeared(GDBusConnection* connection, const char* name, const char* nameOwner, void* handle);
 
-  GVariant* lastReply_ = nullptr;                 // owned; guarded by poolMutex_
-  std::vector<common::SessionProfile> profiles_;  // guarded by poolMutex_
+  GVariant* lastReply_ = nullptr;                 // owned; guarded by runMutex_
+  std::vector<common::SessionProfile> profiles_;  // guarded by runMutex_
   std::map<std::string, std::function<bool(const CommandData::Parameters&)>> functions_;  // fixed after construction
+  // Guards the pool, readiness and what is queued for delivery; never held
+  // across a call to the daemon or the bus (the main loop takes it).
   std::mutex poolMutex_;
   std::deque<CommandData> commandPool_;  // guarded by poolMutex_; holds a full ref to each params
   guint connectTimerId_ = 0;             // guarded by timerMutex_
@@ -193,19 +235,30 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   std::mutex timerMutex_;
   std::string activeCommand_;  // guarded by poolMutex_
 
-  common::GErrorPtr lastError_;            // why the last call failed; guarded by poolMutex_
+  // Held while a command's function runs (its D-Bus call) and across a
+  // replay and a restoration: commands never overlap, and run in the order
+  // the intake hands them out.
+  std::mutex runMutex_;
+  common::GErrorPtr lastError_;  // why the last call failed; guarded by runMutex_
+  // The "onFound" deliveries of the profile read running now; guarded by runMutex_.
+  std::vector<std::function<void()>> foundDeliveries_;
   GSource* connectTimerSource_ = nullptr;  // owned ref to the armed timer; guarded by timerMutex_
   guint nameWatchId_ = 0;                  // the daemon's name while the timer is armed; guarded by timerMutex_
-  std::mutex linkMutex_;                   // see "Restoration vs. a connect attempt" above
+  common::GObjectPtr<GDBusConnection> nameWatchBus_;  // the connection it watches on; guarded by timerMutex_
+  std::mutex linkMutex_;                               // see "Restoration vs. a connect attempt" above
+  std::mutex attemptMutex_;
+  bool attemptRunning_ = false;  // guarded by attemptMutex_
+  bool attemptAgain_ = false;    // the name got an owner during the running attempt; guarded by attemptMutex_
   // The last task's Reconnect is done (a timer it armed may since have been
-  // removed); written under poolMutex_ and the restore mutex.
+  // removed); written under the restore mutex and by the task.
   std::atomic<bool> reconnectPassed_{false};
   std::atomic<bool> draining_{false};  // set first in the destructor: nothing new is pooled
   std::atomic<bool> closing_{false};   // set after the grace period: nothing new runs
-  std::unique_ptr<detail::CommandIntake> intake_;
+  std::unique_ptr<detail::CommandIntake<IntakeItem>> intake_;
   std::unique_ptr<detail::OrderedDeliveries> deliveries_;  // what runs after poolMutex_ is released
   std::unique_ptr<detail::CommandTally> tally_;
-  std::shared_ptr<detail::CommandGate> gate_;
+  std::shared_ptr<detail::CommandGate> gate_;      // command threads and replays
+  std::shared_ptr<detail::CommandGate> linkGate_;  // connect attempts and restorations
 };
 
 }  // namespace client

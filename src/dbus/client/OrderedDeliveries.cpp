@@ -9,20 +9,25 @@ namespace client {
 namespace detail {
 namespace {
 
-// The sequences whose batch the calling thread is running, innermost last,
-// and the batches put off until those have ended.
+// The sequences whose batch the calling thread is running, innermost last;
+// the batches put off on this thread; how deep it is in callbacks.
 thread_local std::vector<const OrderedDeliveries*> runningHere;
 thread_local std::vector<OrderedDeliveries::Batch> putOffHere;
+thread_local int callbackDepth = 0;
 
 }  // namespace
 
 OrderedDeliveries::Batch::Batch(Batch&& other) noexcept
-    : owner_(std::exchange(other.owner_, nullptr)), ticket_(other.ticket_), actions_(std::move(other.actions_)) {}
+    : owner_(std::exchange(other.owner_, nullptr)),
+      ticket_(other.ticket_),
+      actions_(std::move(other.actions_)),
+      failed_(std::move(other.failed_)) {}
 
 OrderedDeliveries::Batch& OrderedDeliveries::Batch::operator=(Batch&& other) noexcept {
   std::swap(owner_, other.owner_);
   std::swap(ticket_, other.ticket_);
   actions_.swap(other.actions_);
+  failed_.swap(other.failed_);
   return *this;
 }
 
@@ -32,10 +37,24 @@ OrderedDeliveries::Batch::~Batch() {
   owner_->PassTurn();
 }
 
-void OrderedDeliveries::Batch::Run(const std::function<void()>& failed) {
+void OrderedDeliveries::RunPutOff() {
+  while (callbackDepth == 0) {
+    const auto next = std::find_if(putOffHere.begin(), putOffHere.end(), [](const Batch& batch) {
+      return std::find(runningHere.begin(), runningHere.end(), batch.owner_) == runningHere.end();
+    });
+    if (next == putOffHere.end()) return;
+    Batch putOff = std::move(*next);
+    putOffHere.erase(next);
+    std::function<void()> failed = std::move(putOff.failed_);
+    putOff.Run(std::move(failed));
+  }
+}
+
+void OrderedDeliveries::Batch::Run(std::function<void()> failed) {
   if (owner_ == nullptr) return;
   OrderedDeliveries* owner = owner_;
-  if (owner->RunningOnThisThread()) {
+  if (callbackDepth > 0 || owner->RunningOnThisThread()) {
+    failed_ = std::move(failed);
     putOffHere.push_back(std::move(*this));
     return;
   }
@@ -46,27 +65,15 @@ void OrderedDeliveries::Batch::Run(const std::function<void()>& failed) {
     try {
       action();
     } catch (...) {
-      failed();
+      if (failed) failed();
     }
   }
   runningHere.pop_back();
   owner->PassTurn();
-  if (owner->RunningOnThisThread()) return;  // an outer batch of ours runs what was put off
-  for (;;) {
-    const auto next = std::find_if(putOffHere.begin(), putOffHere.end(),
-                                   [owner](const Batch& batch) { return batch.owner_ == owner; });
-    if (next == putOffHere.end()) break;
-    Batch putOff = std::move(*next);
-    putOffHere.erase(next);
-    putOff.Run(failed);
-  }
+  RunPutOff();
 }
 
 void OrderedDeliveries::Add(Action action) { pending_.push_back(std::move(action)); }
-
-void OrderedDeliveries::Insert(std::size_t at, Action action) {
-  pending_.insert(pending_.begin() + static_cast<std::ptrdiff_t>(at), std::move(action));
-}
 
 OrderedDeliveries::Batch OrderedDeliveries::Close() {
   Batch batch;
@@ -90,6 +97,17 @@ void OrderedDeliveries::PassTurn() {
 
 bool OrderedDeliveries::RunningOnThisThread() const {
   return std::find(runningHere.begin(), runningHere.end(), this) != runningHere.end();
+}
+
+CallbackExclusion::CallbackExclusion(std::recursive_mutex& mutex) : mutex_(mutex) {
+  mutex_.lock();
+  ++callbackDepth;
+}
+
+CallbackExclusion::~CallbackExclusion() {
+  --callbackDepth;
+  mutex_.unlock();
+  OrderedDeliveries::RunPutOff();
 }
 
 }  // namespace detail

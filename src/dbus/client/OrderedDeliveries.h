@@ -11,18 +11,22 @@ namespace dbus {
 namespace client {
 namespace detail {
 
-// Work that a command produces while the pool lock is held (the "onFound"
-// payloads of a profile read), run only after that lock was released, so that
-// an application callback may call back into the client. Batches run one at a
-// time, in the order in which they were closed.
+// Work that the command layer produces while its pool lock is held (a
+// command's end, the "onFound" payloads of a profile read), run only after
+// that lock was released, so that an application callback may call back into
+// the client. Batches run one at a time, in the order in which they were
+// closed.
 //
-// An action may lead to another batch on its own thread (a callback that
-// calls Disconnect, which delivers what it discarded). That batch cannot wait
-// for its turn there, which the thread itself holds: it is put off, and the
-// thread runs it in turn once the batch that caused it has ended.
+// A thread never waits for a batch's turn while it is inside an application
+// callback (see CallbackExclusion): an earlier batch may be waiting for the
+// callback lock that thread holds. Its batch is put off instead, and the
+// thread runs it in turn once it has left its outermost callback. The same
+// holds for a batch caused on a thread by an action of a running batch of the
+// same sequence (a callback that calls Disconnect, which delivers what it
+// discarded): it runs once the batch that caused it has ended.
 //
-// Locks: Add() and Close() run under the caller's lock that orders
-// the batches (the pool lock); it guards pending_ and nextTicket_. Turns are
+// Locks: Add() and Close() run under the caller's lock that orders the
+// batches (the pool lock); it guards pending_ and nextTicket_. Turns are
 // passed under turnMutex_, a leaf, never held while an action runs.
 // Invariant: a batch runs only after every batch of a lower ticket has run
 // or was dropped; a closed batch always ends its turn.
@@ -37,24 +41,27 @@ class OrderedDeliveries {
     Batch& operator=(Batch&& other) noexcept;  // swaps: `other` ends what this held
     ~Batch();                                  // passes the turn on if the batch never ran
     // Waits for the batch's turn and runs its actions, then passes the turn
-    // on. An action that throws is reported to `failed` and the batch goes on.
-    // Called from inside an action of the same sequence, it returns at once
-    // and the batch runs when that action's batch has ended.
-    void Run(const std::function<void()>& failed);
+    // on. An action that throws is reported to `failed` and the batch goes
+    // on. Inside a callback, or inside an action of the same sequence, it
+    // returns at once and the batch runs later on this thread (see above).
+    void Run(std::function<void()> failed);
 
    private:
     friend class OrderedDeliveries;
     OrderedDeliveries* owner_ = nullptr;
     std::uint64_t ticket_ = 0;
     std::vector<Action> actions_;
+    std::function<void()> failed_;  // kept while put off
   };
 
-  void Add(Action action);                                 // caller's lock held
-  void Insert(std::size_t at, Action action);              // caller's lock held: before the `at`th pending one
-  std::size_t Pending() const { return pending_.size(); }  // caller's lock held
-  Batch Close();                                           // caller's lock held: the pending actions with their turn
+  void Add(Action action);  // caller's lock held
+  Batch Close();            // caller's lock held: the pending actions with their turn
 
  private:
+  friend class CallbackExclusion;
+  // Runs, in the order they were put off, the batches this thread can run
+  // now: outside every callback, and of a sequence none of whose batches it runs.
+  static void RunPutOff();
   void AwaitTurn(std::uint64_t ticket);
   void PassTurn();
   bool RunningOnThisThread() const;
@@ -64,6 +71,21 @@ class OrderedDeliveries {
   std::mutex turnMutex_;
   std::condition_variable turn_;
   std::uint64_t serving_ = 0;  // guarded by turnMutex_
+};
+
+// Holds the process-wide callback lock (the recursive mutex under which
+// every application callback runs) and marks the thread as inside a
+// callback, so that no batch waits for its turn here. Leaving the outermost
+// one runs the batches put off meanwhile, with no lock held.
+class CallbackExclusion {
+ public:
+  explicit CallbackExclusion(std::recursive_mutex& mutex);
+  ~CallbackExclusion();
+  CallbackExclusion(const CallbackExclusion&) = delete;
+  CallbackExclusion& operator=(const CallbackExclusion&) = delete;
+
+ private:
+  std::recursive_mutex& mutex_;
 };
 
 }  // namespace detail
