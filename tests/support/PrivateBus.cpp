@@ -69,6 +69,13 @@ class PrivateBus {
     StartDaemon();
   }
 
+  // SIGSTOP / SIGCONT to the dbus-daemon: a bus that accepts connections
+  // but answers nothing until thawed.
+  void Freeze(bool frozen) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (pid_ > 0) kill(pid_, frozen ? SIGSTOP : SIGCONT);
+  }
+
   common::GObjectPtr<GDBusConnection> helper() {
     std::lock_guard<std::mutex> lock(mutex_);
     return common::GObjectPtr<GDBusConnection>(static_cast<GDBusConnection*>(g_object_ref(helper_.get())));
@@ -130,6 +137,8 @@ const std::string& BusAddress() { return PrivateBus::Get().address(); }
 common::GObjectPtr<GDBusConnection> OpenBusConnection() { return Open(BusAddress()); }
 
 void RestartBus() { PrivateBus::Get().Restart(); }
+
+void FreezeBus(bool frozen) { PrivateBus::Get().Freeze(frozen); }
 
 std::string NameOwner(const std::string& name) { return NameOwner(PrivateBus::Get().helper().get(), name); }
 

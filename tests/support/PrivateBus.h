@@ -26,6 +26,10 @@ const std::string& BusAddress();
 // same address.
 void RestartBus();
 
+// Stops (true) or resumes (false) the bus's dbus-daemon: meanwhile the bus
+// accepts connections and answers nothing, as a bus under pressure.
+void FreezeBus(bool frozen);
+
 // A new private connection to the bus, not GLib's system-bus singleton.
 common::GObjectPtr<GDBusConnection> OpenBusConnection();
 

@@ -467,6 +467,7 @@ void DBusClientAsync::RunAttempts(bool fromTimer) {
 
 bool DBusClientAsync::AttemptConnect(bool fromTimer) {
   std::lock_guard<std::mutex> link(linkMutex_);
+  testing::Hook(testing::Point::kAttemptStarts);
   ZV_LOGI_THD("Try to connect to DBus server");
   if (DBusClient::Connect()) {
     testing::Hook(fromTimer ? testing::Point::kConnectedByTimer : testing::Point::kConnectedByNameWatch);

@@ -1,0 +1,237 @@
+// The application is never held hostage: no thread waits for a delivery turn inside a callback,
+// and the main loop waits neither for the daemon (the replay) nor for the bus (connect attempts);
+// library threads are small, and a thread that cannot be started still ends its command.
+// Each interleaving is forced through the test hooks; each test hangs or fails without its fix.
+
+#include <pthread.h>
+
+#include <system_error>
+
+#include <common/GLibUtils.h>
+#include <dbus/client/DBusClientAsync.h>
+#include <dbus/client/TestHooks.h>
+#include <zorvel/Launcher.h>
+#include <zorvel/LauncherTesting.h>
+
+#include "support/BusTest.h"
+
+namespace zv_client::testing {
+namespace {
+
+using dbus::client::DBusClientAsync;
+using zorvel::CommandId;
+using zorvel::CommandOutcome;
+using zorvel::CommandStatus;
+using zorvel::Launcher;
+using End = DBusClientAsync::CommandEnd::Kind;
+using Hook = dbus::client::testing::Point;
+
+// Removes the test hook however the test ends.
+struct ScopedHook {
+  explicit ScopedHook(std::function<void(Hook)> hook) { dbus::client::testing::SetHook(std::move(hook)); }
+  ~ScopedHook() { dbus::client::testing::SetHook(nullptr); }
+};
+
+std::thread::id MainLoopThread() {
+  std::thread::id id;
+  RunOnMainLoop([&] { id = std::this_thread::get_id(); });
+  return id;
+}
+
+DBusClientAsync& Client() { return *static_cast<DBusClientAsync*>(zorvel::testing::CurrentClient()); }
+
+// Every outcome a Launcher delivered, with the thread it came on.
+class Told : public Recorder<std::pair<CommandOutcome, std::thread::id>> {
+ public:
+  void Attach(Launcher& launcher, std::function<void(const CommandOutcome&)> also = {}) {
+    launcher.SetOnCommandOutcome([this, also](const CommandOutcome& outcome) {
+      if (also) also(outcome);
+      Add({outcome, std::this_thread::get_id()});
+    });
+  }
+  // The statuses `id` was told, in order, once it ended (empty at the deadline).
+  std::vector<CommandStatus> Of(CommandId id) const {
+    std::vector<CommandStatus> statuses;
+    WaitUntil([&] {
+      statuses.clear();
+      bool ended = false;
+      for (const auto& [outcome, thread] : Items()) {
+        if (outcome.id != id) continue;
+        statuses.push_back(outcome.status);
+        ended = ended || outcome.final;
+      }
+      return ended;
+    });
+    return statuses;
+  }
+};
+
+class Liveness : public BusTest {
+ protected:
+  // Init, and wait until a first command was answered: the layer is ready.
+  ::testing::AssertionResult InitReady(Launcher& launcher) {
+    if (launcher.Init() != 0) return ::testing::AssertionFailure() << "Init failed";
+    CommandId id = 0;
+    launcher.DeleteStoredProfile(99, &id);
+    if (told_.Of(id).back() == CommandStatus::kAnswered) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "the daemon never became ready\n" << logs().Dump();
+  }
+
+  Told told_;
+};
+
+TEST_F(Liveness, DisconnectInsideADirectOutcomeWaitsForNoEarlierDelivery) {
+  // Stop's outcome runs on the calling thread under the callback lock, and calls StopBroadcast. Its
+  // Disconnect is made to find a held command (the name vanishes in between), whose "held" outcome
+  // was queued first and waits for the callback lock: the discarded outcome must not wait for it.
+  Launcher launcher;
+  CommandId stop = 0;
+  std::atomic<CommandId> held{0};
+  told_.Attach(launcher, [&](const CommandOutcome& outcome) {
+    if (outcome.id == stop) launcher.StopBroadcast();
+  });
+  ASSERT_TRUE(InitReady(launcher));
+  std::atomic<bool> acted{false};
+  ScopedHook hook([&](Hook point) {
+    if (point != Hook::kDisconnectAwaitsPool || acted.exchange(true)) return;
+    control().ReleaseName();
+    EXPECT_TRUE(WaitUntil([] { return !Client().IsConnected(); }));
+    CommandId id = 0;
+    launcher.StartBroadcast(true, &id);
+    held = id;
+    EXPECT_TRUE(WaitUntil([] { return Client().GetCounts().held == 1; }));  // its "held" is queued
+  });
+  EXPECT_TRUE(FinishesInBoundedTime([&] { EXPECT_EQ(launcher.Stop(&stop), 0); })) << logs().Dump();
+  ASSERT_NE(held, 0u);
+  EXPECT_EQ(told_.Of(held), (std::vector<CommandStatus>{CommandStatus::kHeld, CommandStatus::kDiscarded}));
+}
+
+TEST_F(Liveness, ClosingEventMeetingStopBroadcastLeavesTheMainLoopRunning) {
+  // StopBroadcast's Disconnect lets the daemon's closing event into the main loop's own Disconnect,
+  // which is held there (signal lock held) until a command was held meanwhile and its "held" outcome
+  // waits for that lock. The main loop's discarded outcome must come after it, and not wait for it.
+  Launcher launcher;
+  told_.Attach(launcher);
+  ASSERT_TRUE(InitReady(launcher));
+  const std::thread::id mainLoop = MainLoopThread();
+  std::atomic<bool> closingArrived{false}, release{false}, stopArrived{false};
+  ScopedHook hook([&](Hook point) {
+    if (point != Hook::kDisconnectAwaitsPool) return;
+    if (std::this_thread::get_id() == mainLoop) {
+      closingArrived = true;
+      EXPECT_TRUE(WaitUntil([&] { return release.load(); }));
+    } else if (!stopArrived.exchange(true)) {
+      control().Emit("onDbusClosing", g_variant_new("(i)", 0));
+      EXPECT_TRUE(WaitUntil([&] { return closingArrived.load(); }));
+    }
+  });
+  launcher.StopBroadcast();
+  ASSERT_TRUE(closingArrived);
+  CommandId id = 0;
+  launcher.StartBroadcast(true, &id);  // connected, not ready: held
+  ASSERT_TRUE(WaitUntil([] { return Client().GetCounts().held == 1; }));
+  release = true;
+  EXPECT_TRUE(FinishesInBoundedTime([] { RunOnMainLoop([] {}); })) << "the main loop is stuck\n" << logs().Dump();
+  EXPECT_EQ(told_.Of(id), (std::vector<CommandStatus>{CommandStatus::kHeld, CommandStatus::kDiscarded}));
+}
+
+TEST_F(Liveness, ReplayRunsOffTheMainLoopInOrderBeforeLaterCommands) {
+  struct Ends : Recorder<End> {
+    std::thread::id thread;
+    DBusClientAsync::CommandObserver Observer() {
+      return [this](const DBusClientAsync::CommandEnd& end) {
+        thread = std::this_thread::get_id();
+        Add(end.kind);
+      };
+    }
+  };
+  Ends startBroadcast, connect, deinit;
+  control().ReleaseName();
+  DBusClientAsync client;
+  client.Connect();
+  ASSERT_TRUE(client.Submit("startBroadcast", common::IntegerToVariant(1), -1, startBroadcast.Observer()));
+  ASSERT_TRUE(client.Submit("connect", common::IntegerToVariant(5), -1, connect.Observer()));
+  ASSERT_TRUE(startBroadcast.WaitFor({End::kHeld}) && connect.WaitFor({End::kHeld}));
+
+  // The daemon takes its time over the first replayed command: the main loop goes on meanwhile.
+  control().SetDelay("startBroadcast", 3000);
+  control().AcquireName();
+  ASSERT_TRUE(control().WaitForCall("startBroadcast"));
+  RunOnMainLoop([] {});
+  EXPECT_EQ(startBroadcast.Items(), std::vector<End>{End::kHeld}) << "the main loop waited for the daemon";
+  // Accepted after the readiness, it waits for the replay, and is not held behind it.
+  ASSERT_TRUE(client.Submit("deinit", nullptr, -1, deinit.Observer()));
+
+  EXPECT_TRUE(startBroadcast.WaitFor({End::kHeld, End::kRan}));
+  EXPECT_TRUE(connect.WaitFor({End::kHeld, End::kRan}));
+  EXPECT_TRUE(deinit.WaitFor({End::kRan}));
+  EXPECT_EQ(control().CallTexts(), (std::vector<std::string>{"startBroadcast(1,)", "connect(5,)", "deinit()"}));
+  const std::thread::id mainLoop = MainLoopThread();
+  EXPECT_NE(startBroadcast.thread, mainLoop);
+  EXPECT_NE(connect.thread, mainLoop);
+  EXPECT_EQ(client.GetCounts().replayed, 2u);
+}
+
+TEST_F(Liveness, ConnectAttemptsLeaveTheMainLoopRunningWhileTheBusIsFrozen) {
+  std::atomic<int> attempts{0};
+  ScopedHook hook([&](Hook point) {
+    if (point == Hook::kAttemptStarts) ++attempts;
+  });
+  Launcher launcher;
+  told_.Attach(launcher);
+  FreezeBus(true);
+  EXPECT_EQ(launcher.Init(), 0);
+  const bool attempting = WaitUntil([&] { return attempts > 0; });  // blocked on the bus
+  std::atomic<bool> beat{false};
+  g_main_context_invoke(
+      nullptr,
+      [](gpointer flag) -> gboolean {
+        static_cast<std::atomic<bool>*>(flag)->store(true);
+        return G_SOURCE_REMOVE;
+      },
+      &beat);
+  const bool mainLoopRan = WaitUntil([&] { return beat.load(); });
+  CommandId id = 0;
+  launcher.StartBroadcast(true, &id);
+  FreezeBus(false);
+  EXPECT_TRUE(attempting);
+  EXPECT_TRUE(mainLoopRan) << "the main loop waited for the bus";
+  EXPECT_TRUE(WaitUntil([&] { return beat.load(); }));
+  const std::vector<CommandStatus> statuses = told_.Of(id);
+  EXPECT_EQ(statuses.back(), CommandStatus::kAnswered) << "no link after the bus thawed\n" << logs().Dump();
+}
+
+TEST_F(Liveness, CommandThreadsAreSmallAndAFailedStartEndsTheCommand) {
+  std::atomic<std::size_t> stack{0};
+  Launcher launcher;
+  told_.Attach(launcher, [&](const CommandOutcome&) {
+    pthread_attr_t attributes;
+    std::size_t size = 0;
+    if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+      pthread_attr_getstacksize(&attributes, &size);
+      pthread_attr_destroy(&attributes);
+    }
+    stack = size;
+  });
+  ASSERT_TRUE(InitReady(launcher));  // its outcome came on the command thread that ran it
+  EXPECT_GT(stack, 0u);
+  EXPECT_LE(stack, 512u * 1024u);
+
+  {
+    ScopedHook refuse([](Hook point) {
+      if (point == Hook::kThreadStarts) throw std::system_error(EAGAIN, std::generic_category(), "no thread");
+    });
+    CommandId id = 0;
+    EXPECT_EQ(launcher.Connect(7, &id), -1);
+    const auto ended = told_.Items().back().first;
+    EXPECT_EQ(std::make_tuple(ended.id, ended.status, ended.errorName),
+              std::make_tuple(id, CommandStatus::kNotStarted, std::string(zorvel::kErrorInternal)));
+  }
+  CommandId id = 0;
+  EXPECT_EQ(launcher.Connect(7, &id), 0);  // a later command starts as usual
+  EXPECT_EQ(told_.Of(id).back(), CommandStatus::kAnswered);
+  EXPECT_EQ(control().CallTexts(), (std::vector<std::string>{"deleteStoredProfile(99,)", "connect(7,)"}));
+}
+
+}  // namespace
+}  // namespace zv_client::testing
