@@ -42,15 +42,26 @@
 //   handed over, so the outcome, which may arrive on another thread before
 //   the call returns, can be matched with it.
 //   Outcomes of Stop, StopBroadcast and of commands not started run on the
-//   calling thread before the call returns; the others on a command thread
-//   of the library, on the main-loop thread (a held command replayed, or
-//   discarded by the daemon's closing event), on the thread calling
-//   StopBroadcast (held commands it discards; when StopBroadcast is called
-//   from inside a callback, right after that callback returned) or on the
-//   thread destroying the Launcher (held commands discarded at teardown).
-//   They follow the rules of the other callbacks below and never run after
-//   the Launcher's destructor returned. A ReadProfiles outcome comes just
-//   before the instance-found calls of the same read.
+//   calling thread before the call returns; the others on a thread of the
+//   library: the command's own thread, or the thread that replays held
+//   commands once the daemon is back; on the main-loop thread only for held
+//   commands discarded by the daemon's closing event; on the thread calling
+//   StopBroadcast (held commands it discards) or on the thread destroying
+//   the Launcher (held commands discarded at teardown). An outcome that would
+//   come on a thread while it is inside one of your callbacks comes right
+//   after that callback returned. They follow the rules of the other
+//   callbacks below and never run after the Launcher's destructor returned.
+//   A ReadProfiles outcome comes just before the instance-found calls of the
+//   same read.
+//
+// The application's threads are its own
+//   The library never makes the main loop wait for the daemon or the bus:
+//   connecting (opening the bus connection, creating the proxy) and sending
+//   held commands happen on threads of the library. Those threads run on a
+//   256 KiB stack, and the callbacks that run on them (outcomes, stored
+//   profiles) share it: keep large buffers off the stack there. A command
+//   whose thread cannot be started ends as kNotStarted with
+//   kErrorInternal.
 //
 // Ids in events
 //   Instance ids (instance found, connection available) and cancellation
@@ -72,9 +83,11 @@
 //   StartBroadcast, ReadProfiles and DeleteStoredProfile is held (not sent)
 //   until the daemon's name passes to a new owner, as when the daemon
 //   restarts; Stop and StopBroadcast, which call the daemon directly, still
-//   reach it. Both discard the commands held at that moment: while the
-//   daemon is ready nothing is held, so these can only be commands that the
-//   daemon's vanishing at that very moment put on hold.
+//   reach it. When the daemon is ready at that moment, both discard the
+//   commands held then (only commands that the daemon's vanishing at that
+//   very moment put on hold can be); when it is not ready (it is away, or a
+//   StopBroadcast or closing event came before), they change nothing: the
+//   commands held stay held and are sent to the daemon's next instance.
 //
 // Across a restart of the system bus
 //   The library talks over a D-Bus connection of its own, never over GLib's
@@ -87,7 +100,8 @@
 //   - Instance found (id, name): for each instance the daemon reports during a
 //     broadcast, on the main-loop thread; and for each stored profile after
 //     ReadProfiles (id and name of the profile, in the daemon's order), on a
-//     command thread of the library or on the main-loop thread.
+//     thread of the library (the command's own, or the one replaying held
+//     commands).
 //   - Connection cancelled (status) and connection available (id, available):
 //     on the main-loop thread.
 //   No two callbacks (outcomes included) run at the same time. The callable
@@ -188,7 +202,9 @@ class ZORVEL_API Launcher {
   int StartBroadcast(bool isOnlineCheck) noexcept;
   int StartBroadcast(bool isOnlineCheck, CommandId* issued) noexcept;
   // Stops the broadcast and waits up to 500 ms for the daemon's answer, which
-  // it returns (-1 when the call failed). Then discards the held commands.
+  // it returns (-1 when the call failed). Then, if the daemon was ready,
+  // discards the held commands and holds later ones until the daemon's name
+  // passes to a new owner (see "Across a daemon restart").
   int StopBroadcast() noexcept;
   int StopBroadcast(CommandId* issued) noexcept;
   // Tells the daemon to deinitialise; waits for it. 0, or -1 on failure.
