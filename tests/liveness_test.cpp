@@ -201,6 +201,34 @@ TEST_F(Liveness, ConnectAttemptsLeaveTheMainLoopRunningWhileTheBusIsFrozen) {
   EXPECT_EQ(statuses.back(), CommandStatus::kAnswered) << "no link after the bus thawed\n" << logs().Dump();
 }
 
+TEST_F(Liveness, NameWatchFollowsTheBusAcrossItsRestart) {
+  // The daemon goes first (its name is then watched on the connection of the time), then the bus:
+  // the watch must move to the new connection, or only the 500 ms retry notices the daemon's return.
+  std::atomic<int> attempts{0}, byNameWatch{0}, byTimer{0};
+  ScopedHook hook([&](Hook point) {
+    if (point == Hook::kAttemptStarts) ++attempts;
+    if (point == Hook::kConnectedByNameWatch) ++byNameWatch;
+    if (point == Hook::kConnectedByTimer) ++byTimer;
+  });
+  Launcher launcher;
+  told_.Attach(launcher);
+  ASSERT_TRUE(InitReady(launcher));
+  for (int round = 1; round <= 2; ++round) {
+    const int connected = byNameWatch + byTimer;
+    sim().Kill();
+    ASSERT_TRUE(WaitUntil([&, before = attempts.load()] { return attempts > before; }));
+    RestartBusAndDaemon([&] {  // two attempts on the new bus: the first failed and watched the name there
+      ASSERT_TRUE(WaitUntil([&, before = attempts.load()] { return attempts >= before + 2; }));
+    });
+    ASSERT_TRUE(WaitUntil([&] { return byNameWatch + byTimer > connected; })) << logs().Dump();
+  }
+  // A retry can win a round only on a machine stalled for most of its 500 ms.
+  EXPECT_GE(byNameWatch, 1);
+  CommandId id = 0;
+  launcher.StartBroadcast(true, &id);
+  EXPECT_EQ(told_.Of(id).back(), CommandStatus::kAnswered);
+}
+
 TEST_F(Liveness, CommandThreadsAreSmallAndAFailedStartEndsTheCommand) {
   std::atomic<std::size_t> stack{0};
   Launcher launcher;
