@@ -26,6 +26,7 @@ void Bench::Run() {
   if (options.Has("burst")) BurstPhase(*this);
   if (options.Has("recovery")) RecoveryPhase(*this);
   if (options.Has("log")) LogPhase(*this);
+  if (options.Has("liveness")) LivenessPhase(*this);
   if (options.Has("call") && options.Has("signal")) report.Plot(options.plotScript);
 }
 

@@ -6,6 +6,8 @@
 // command of the same method as the one before).
 
 #include <cstdint>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,12 @@
 #include "Sides.h"
 
 namespace zv_bench {
+
+// What the liveness children reported (see MeasureLiveness).
+struct Liveness {
+  std::map<std::string, double> figures;  // by name
+  std::set<std::string> killed;           // the stall figures of children killed at their deadline
+};
 
 class Bench {
  public:
@@ -82,6 +90,7 @@ class Bench {
   Floor floor;
   Library library;
   double liveLogLine = -1;        // us per line with a journal listening, measured at start-up; -1: not measured
+  Liveness liveness;              // measured at start-up
   std::string noJournalOfOurOwn;  // why calls and signals cannot be measured with a journal listening
 
  private:

@@ -1,9 +1,10 @@
 // zorvel-bench-daemon: a lean stand-in for the zorvel daemon, for the
-// benchmarks only. It answers every method at once and echoes connect and
-// startBroadcast to the caller as the signal the application waits for, so
-// the daemon's share of a round trip is small and the same for every client
-// that calls it. The simulator is not used here because its own per-call work
-// (call records, control signals, log lines) would blur the client's cost.
+// benchmarks only. It answers every method at once (unless told to wait, see
+// SetDelay) and echoes connect and startBroadcast to the caller as the signal
+// the application waits for, so the daemon's share of a round trip is small
+// and the same for every client that calls it. The simulator is not used
+// here because its own per-call work (call records, control signals, log
+// lines) would blur the client's cost.
 //
 // Service (owned by a connection that can be closed and reopened, so the name
 // gets a new owner the way a restarted daemon's does):
@@ -16,9 +17,13 @@
 // Echoes are sent to the caller only, so a client never pays for the echoes
 // of another client sharing the bus.
 //
+// With a delay set, each call is answered (and echoed) that long after it
+// arrived, every call on its own timer, so the daemon stays free meanwhile.
+//
 // Control ("zorvel.bench" on /zorvel/bench, a connection of its own that stays
 // up across name restarts):
 //   SetProfiles(u count)        stores profiles 1..count
+//   SetDelay(u ms)              answers later calls after `ms` (0: at once)
 //   Emit(s destination) -> t    onFound to `destination` from the service
 //                               connection; name = the emission time (ns)
 //   ReleaseName()               closes the service connection
@@ -62,6 +67,7 @@ constexpr char kControlXml[] = R"xml(
 <node>
   <interface name="zorvel.bench.Control">
     <method name="SetProfiles"><arg name="count" type="u" direction="in"/></method>
+    <method name="SetDelay"><arg name="ms" type="u" direction="in"/></method>
     <method name="Emit">
       <arg name="destination" type="s" direction="in"/>
       <arg name="emitted" type="t" direction="out"/>
@@ -96,6 +102,14 @@ struct Daemon {
   guint serviceObject = 0;
   GVariantPtr profilesReply;  // built once per SetProfiles: replies only serialise it
   guint16 sequence = 0;
+  guint32 delayMs = 0;  // how long after its arrival a call is answered
+};
+
+// A call whose answer waits for the delay.
+struct DelayedCall {
+  Daemon* daemon;
+  GDBusMethodInvocation* invocation;  // ours until answered
+  std::uint64_t arrived;
 };
 
 bool RequestName(GDBusConnection* connection, const char* name, GError** error) {
@@ -117,10 +131,12 @@ void Emit(GDBusConnection* connection, const char* destination, const std::strin
                                 contract::kInterfaceName.c_str(), member.c_str(), body, nullptr);
 }
 
-void OnServiceCall(GDBusConnection* connection, const gchar* sender, const gchar* /*path*/, const gchar* /*interface*/,
-                   const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data) {
-  const std::uint64_t arrived = NowNs();
-  auto& daemon = *static_cast<Daemon*>(data);
+// Echoes and answers `invocation`, which arrived at `arrived`.
+void Answer(Daemon& daemon, GDBusMethodInvocation* invocation, std::uint64_t arrived) {
+  GDBusConnection* connection = g_dbus_method_invocation_get_connection(invocation);
+  const gchar* sender = g_dbus_method_invocation_get_sender(invocation);
+  const gchar* method = g_dbus_method_invocation_get_method_name(invocation);
+  GVariant* parameters = g_dbus_method_invocation_get_parameters(invocation);
   if (contract::kMethodConnect == method) {
     gint32 id = 0;
     g_variant_get(parameters, "(i)", &id);
@@ -134,6 +150,25 @@ void OnServiceCall(GDBusConnection* connection, const gchar* sender, const gchar
     return;
   }
   g_dbus_method_invocation_return_value(invocation, g_variant_new("(i)", 0));
+}
+
+gboolean OnDelayOver(gpointer data) {
+  auto* call = static_cast<DelayedCall*>(data);
+  Answer(*call->daemon, call->invocation, call->arrived);
+  delete call;
+  return G_SOURCE_REMOVE;
+}
+
+void OnServiceCall(GDBusConnection* /*connection*/, const gchar* /*sender*/, const gchar* /*path*/,
+                   const gchar* /*interface*/, const gchar* /*method*/, GVariant* /*parameters*/,
+                   GDBusMethodInvocation* invocation, gpointer data) {
+  const std::uint64_t arrived = NowNs();
+  auto& daemon = *static_cast<Daemon*>(data);
+  if (daemon.delayMs == 0) {
+    Answer(daemon, invocation, arrived);
+    return;
+  }
+  g_timeout_add(daemon.delayMs, &OnDelayOver, new DelayedCall{&daemon, invocation, arrived});
 }
 
 bool AcquireName(Daemon& daemon, GError** error) {
@@ -182,6 +217,9 @@ void OnControlCall(GDBusConnection* /*connection*/, const gchar* /*sender*/, con
     guint32 count = 0;
     g_variant_get(parameters, "(u)", &count);
     SetProfiles(daemon, count);
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+  } else if (name == "SetDelay") {
+    g_variant_get(parameters, "(u)", &daemon.delayMs);
     g_dbus_method_invocation_return_value(invocation, nullptr);
   } else if (name == "Emit") {
     const gchar* destination = nullptr;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <thread>
@@ -24,9 +25,11 @@ namespace contract = zv_client::dbus::client;
 struct Memory {
   long rssKb = 0;
   long hwmKb = 0;
+  long vmSizeKb = 0;
+  long vmPeakKb = 0;
 };
 
-// Resident memory now and its peak, from /proc/self/status.
+// Resident and virtual memory now and their peaks, from /proc/self/status.
 Memory ReadMemory() {
   Memory memory;
   std::ifstream in("/proc/self/status");
@@ -36,25 +39,40 @@ Memory ReadMemory() {
       in >> memory.rssKb;
     } else if (key == "VmHWM:") {
       in >> memory.hwmKb;
+    } else if (key == "VmSize:") {
+      in >> memory.vmSizeKb;
+    } else if (key == "VmPeak:") {
+      in >> memory.vmPeakKb;
     }
     in.ignore(1 << 20, '\n');
   }
   return memory;
 }
 
-// Field 20 of /proc/self/stat; cheaper to read than the status file.
-long ThreadCount() {
+struct Stat {
+  long threads = 0;
+  long vmSizeKb = 0;
+};
+
+// Fields 20 (threads) and 23 (virtual memory, bytes) of /proc/self/stat;
+// cheaper to read than the status file.
+Stat ReadStat() {
   char buffer[1024];
   const int fd = open("/proc/self/stat", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
+  if (fd < 0) return {};
   const ssize_t n = read(fd, buffer, sizeof buffer - 1);
   close(fd);
-  if (n <= 0) return 0;
+  if (n <= 0) return {};
   buffer[n] = '\0';
   const char* p = std::strrchr(buffer, ')');
-  if (p == nullptr) return 0;
-  for (int field = 2; field < 20 && p != nullptr; ++field) p = std::strchr(p + 1, ' ');
-  return p != nullptr ? std::strtol(p + 1, nullptr, 10) : 0;
+  Stat stat;
+  for (int field = 2; field < 23 && p != nullptr; ++field) {
+    p = std::strchr(p + 1, ' ');
+    if (p == nullptr) break;
+    if (field == 19) stat.threads = std::strtol(p + 1, nullptr, 10);
+    if (field == 22) stat.vmSizeKb = static_cast<long>(std::strtoull(p + 1, nullptr, 10) / 1024);
+  }
+  return stat;
 }
 
 }  // namespace
@@ -63,7 +81,7 @@ void BurstPhase(Bench& bench) {
   const Options& options = bench.options;
   std::vector<double> libMs, floorMs, burstAccept;
   double ranTotal = 0, droppedTotal = 0;
-  long peakThreads = 0, peakRssGrowth = 0, baseThreads = 0;
+  long peakThreads = 0, peakRssGrowth = 0, peakVmGrowth = 0, baseThreads = 0;
   for (int run = 0; run < options.burstRuns; ++run) {
     bench.LibRun(contract::kMethodStartBroadcast);
     const std::uint64_t echoesBefore = bench.libProbe.Echoes();
@@ -73,13 +91,16 @@ void BurstPhase(Bench& bench) {
       reset << "5";  // restart the peak-RSS mark
     }
     const Memory base = ReadMemory();
-    baseThreads = ThreadCount();
+    const Stat baseStat = ReadStat();
+    baseThreads = baseStat.threads;
     std::atomic<bool> sampling{true};
     std::atomic<long> threads{baseThreads};
+    std::atomic<long> vmKb{baseStat.vmSizeKb};
     std::thread sampler([&] {
       while (sampling) {
-        const long now = ThreadCount();
-        if (now > threads) threads = now;
+        const Stat now = ReadStat();
+        if (now.threads > threads) threads = now.threads;
+        if (now.vmSizeKb > vmKb) vmKb = now.vmSizeKb;
         std::this_thread::sleep_for(std::chrono::microseconds(200));
       }
     });
@@ -111,6 +132,10 @@ void BurstPhase(Bench& bench) {
     droppedTotal += dropped;
     peakThreads = std::max(peakThreads, threads.load());
     peakRssGrowth = std::max(peakRssGrowth, after.hwmKb - base.rssKb);
+    // VmPeak cannot be reset: it tells the burst's peak only when the burst
+    // raised it; otherwise the peak sampled meanwhile does.
+    const long vmPeak = after.vmPeakKb > base.vmPeakKb ? after.vmPeakKb : vmKb.load();
+    peakVmGrowth = std::max(peakVmGrowth, vmPeak - base.vmSizeKb);
     // Every command that ran is echoed; let the echoes drain before the next
     // measurement. Which method ran last is unknown now.
     bench.libProbe.WaitEchoes(echoesBefore + static_cast<std::uint64_t>(ran), 30000);
@@ -136,8 +161,9 @@ void BurstPhase(Bench& bench) {
               floor.median, "", Ratio(lib.median, floor.median), options.burstRuns);
   report.Line(
       "    ran %.0f, dropped as repeats %.0f (mean per burst of %d); peak threads %ld (base %ld); "
-      "peak RSS growth %ld kB",
-      ranTotal / runs, droppedTotal / runs, options.burstSize, peakThreads, baseThreads, peakRssGrowth);
+      "peak RSS growth %ld kB; peak virtual memory growth %ld kB",
+      ranTotal / runs, droppedTotal / runs, options.burstSize, peakThreads, baseThreads, peakRssGrowth,
+      peakVmGrowth);
   const Stats accept = Summarise(burstAccept);
   report.Line("    caller blocked per command during the burst: median %.1f us, p99 %.1f us", accept.median,
               accept.p99);
@@ -148,6 +174,7 @@ void BurstPhase(Bench& bench) {
   report.Set("burst_dropped", droppedTotal / runs);
   report.Set("burst_peak_threads", static_cast<double>(peakThreads));
   report.Set("burst_peak_rss_growth_kb", static_cast<double>(peakRssGrowth));
+  report.Set("burst_peak_vm_growth_kb", static_cast<double>(peakVmGrowth));
 }
 
 }  // namespace zv_bench

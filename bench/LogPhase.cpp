@@ -2,17 +2,13 @@
 // listening, formatting only, back to back, and with a journal listening),
 // and how many lines a command and a signal write.
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
+#include <cstdio>
 #include <thread>
 
 #include <common/GLibUtils.h>
 #include <platform/SystemLog.h>
 
+#include "ForkedChild.h"
 #include "Phases.h"
 #include "harness/PrivateJournal.h"
 
@@ -55,44 +51,32 @@ double TimeSpacedLogLines(int lines) {
 }  // namespace
 
 double MeasureLiveJournalLine(int lines) {
-  // A child, forked while this process has no other thread yet, enters a
-  // mount namespace where the journal's socket is one of its own, drained by
-  // a thread as journald would, and times the library's lines to it.
-  int result[2];
-  if (pipe2(result, O_CLOEXEC) != 0) Fatal("pipe2 failed");
-  const pid_t child = fork();
-  if (child < 0) Fatal(std::string("fork: ") + std::strerror(errno));
-  if (child == 0) {
-    close(result[0]);
+  // The child enters a mount namespace where the journal's socket is one of
+  // its own, drained by a thread as journald would, and times the library's
+  // lines to it.
+  const ChildResult result = RunInChild(std::chrono::seconds(60), [lines](const ChildPipe& out) {
     std::string why = zv_client::testing::EnterPrivateJournalDir();
-    double perLine = -1;
     if (why.empty()) {
       JournalListener listener;
       why = listener.failure();
       if (why.empty() && !AwaitJournalVerdict(true)) why = "the library sees no journal";
       if (why.empty()) {
         TimeLogLines(1000);  // warm-up
-        perLine = TimeSpacedLogLines(lines);
+        const double perLine = TimeSpacedLogLines(lines);
         if (listener.received() == 0) {
-          perLine = -1;
           why = "no line reached the socket";
+        } else {
+          out.Send("per_line", perLine);
         }
       }
     }
-    if (perLine < 0) {
+    if (!why.empty()) {
       std::fprintf(stderr, "zorvel-bench: no journal of our own (%s); log_live_us_per_line not measured\n",
                    why.c_str());
     }
-    const bool sent = write(result[1], &perLine, sizeof perLine) == static_cast<ssize_t>(sizeof perLine);
-    std::_Exit(sent ? 0 : 1);
-  }
-  close(result[1]);
-  double perLine = -1;
-  if (read(result[0], &perLine, sizeof perLine) != static_cast<ssize_t>(sizeof perLine)) perLine = -1;
-  close(result[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  return perLine;
+  });
+  const auto perLine = result.figures.find("per_line");
+  return perLine != result.figures.end() ? perLine->second : -1;
 }
 
 void LogPhase(Bench& bench) {

@@ -24,7 +24,7 @@ void Usage(const char* program) {
       "usage: %s [options]\n"
       "Measures libzorvel against plain GDBus on a private bus with a lean daemon.\n"
       "  --out DIR            samples, plot and logs (default bench-results)\n"
-      "  --phases LIST        call,signal,profiles,burst,recovery,log (default: all)\n"
+      "  --phases LIST        call,signal,profiles,burst,recovery,log,liveness (default: all)\n"
       "  --samples N          call and signal samples per arm (default 2000)\n"
       "  --profile-runs N     ReadProfiles runs per arm (default 25)\n"
       "  --profiles N         stored profiles (default and most: %d, a D-Bus signature's limit)\n"

@@ -32,7 +32,7 @@ struct Options {
   bool journalPass = true;  // calls and signals again with a journal listening
   bool trace = false;       // the library's lines to stderr instead of the system log
   bool timeline = false;    // the library's lines, timed, to <out>/timeline.txt instead
-  std::vector<std::string> phases{"call", "signal", "profiles", "burst", "recovery", "log"};
+  std::vector<std::string> phases{"call", "signal", "profiles", "burst", "recovery", "log", "liveness"};
 
   bool Has(const char* phase) const;
 };

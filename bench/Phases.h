@@ -30,5 +30,12 @@ void LogPhase(Bench& bench);
 // with a mount namespace of its own: the median in us, or -1 (with the
 // reason on stderr). Call it while this process has no other thread.
 double MeasureLiveJournalLine(int lines);
+// How long the application's main loop stalls because of the library, and
+// a command thread's stack: each scenario in a child process of its own,
+// with its own bus and daemon (their complaints to `errFd`). Call it while
+// this process has no other thread.
+Liveness MeasureLiveness(const Options& options, int errFd);
+// Prints and reports what MeasureLiveness found.
+void LivenessPhase(Bench& bench);
 
 }  // namespace zv_bench

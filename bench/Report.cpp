@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -64,7 +65,10 @@ std::string Report::Json() const {
   std::string json = "{";
   for (const auto& [key, value] : figures_) {
     char item[128];
-    std::snprintf(item, sizeof item, "%s\"%s\": %.5g", json.size() > 1 ? ", " : "", key.c_str(), value);
+    // Whole numbers in full (a memory size in kB has more than 5 digits).
+    const bool whole = value == std::floor(value) && std::fabs(value) < 1e15;
+    std::snprintf(item, sizeof item, whole ? "%s\"%s\": %.0f" : "%s\"%s\": %.5g", json.size() > 1 ? ", " : "",
+                  key.c_str(), value);
     json += item;
   }
   return json + "}";

@@ -29,6 +29,7 @@ guint64 TimeOf(const GVariantPtr& reply) {
 }  // namespace
 
 void DaemonControl::SetProfiles(guint32 count) { Call("SetProfiles", g_variant_new("(u)", count)); }
+void DaemonControl::SetDelay(guint32 ms) { Call("SetDelay", g_variant_new("(u)", ms)); }
 Ns DaemonControl::Emit(const std::string& destination) {
   return TimeOf(Call("Emit", g_variant_new("(s)", destination.c_str())));
 }

@@ -30,6 +30,8 @@ class DaemonControl {
 
   explicit DaemonControl(GDBusConnection* connection) : connection_(connection) {}
   void SetProfiles(guint32 count);
+  // The service answers every later call `ms` after it arrived (0: at once).
+  void SetDelay(guint32 ms);
   // An onFound to `destination` from the service; when the daemon emitted it.
   Ns Emit(const std::string& destination);
   void ReleaseName();

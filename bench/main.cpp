@@ -7,30 +7,28 @@
 // Launcher) and for the floor (GDBus alone on a connection of its own to the
 // same bus) in the same run, alternating sample by sample. The machines are
 // shared and noisy, so the figures that count are ratios library/floor.
+// The liveness scenarios are measured first, each in a child process with a
+// bus and daemon of its own (LivenessPhase.cpp).
 //
 // Output: a readable table, then (last line) one JSON object with the figures.
 // Samples and the latency plot go to --out (default: ./bench-results).
 
 #include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <thread>
+#include <utility>
 
 #include <gio/gio.h>
 
-#include <dbus/client/ServiceContract.h>
-
 #include "Bench.h"
+#include "BenchBus.h"
 #include "LogOutput.h"
 #include "Options.h"
 #include "Phases.h"
 #include "Report.h"
 #include "harness/PrivateJournal.h"
-#include "harness/Processes.h"
 
 int main(int argc, char** argv) {
   using namespace zv_bench;
@@ -43,10 +41,15 @@ int main(int argc, char** argv) {
   Report report(options.outDir);
   report.ClearSamples();
 
+  // The helpers' complaints (the bus cannot raise its fd limit, say) go to a file.
+  const int errFd = open((options.outDir + "/processes.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+
   // Before this process starts any thread: a forked child, and this process
   // itself, must be able to enter namespaces of their own.
   double liveLogLine = -1;
   if (options.Has("log")) liveLogLine = MeasureLiveJournalLine(options.logLines / 10);
+  Liveness liveness;
+  if (options.Has("liveness")) liveness = MeasureLiveness(options, errFd);
   // A journal path of our own for the whole run: no journal listens unless
   // the benchmark binds one (the journal pass), whatever this machine runs,
   // so the figures without a journal mean no journal.
@@ -59,25 +62,8 @@ int main(int argc, char** argv) {
   }
 
   // The private bus, before anything in this process looks at the system bus.
-  // The helpers' complaints (the bus cannot raise its fd limit, say) go to a file.
-  const int errFd = open((options.outDir + "/processes.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  support::BusDaemon bus;
-  pid_t daemon = -1;
-  zv_client::common::GObjectPtr<GDBusConnection> control;
-  try {
-    bus = support::StartBusDaemon("unix:tmpdir=/tmp", errFd,
-                                  options.dbusDaemon.empty() ? support::kDbusDaemonProgram : options.dbusDaemon,
-                                  options.busConfig.empty() ? support::kPrivateBusConfig : options.busConfig);
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address.c_str(), 1);
-    daemon = support::SpawnChild({options.benchDaemon, "--address", bus.address}, -1, errFd);
-    control = support::OpenBusConnection(bus.address);
-  } catch (const std::exception& failure) {
-    Fatal(failure.what());
-  }
+  BenchBus bus(options, errFd);
   if (errFd >= 0) close(errFd);
-  const support::OwnersWait up = support::WaitForOwners(
-      control.get(), {DaemonControl::kName, zv_client::dbus::client::kBusName}, daemon, std::chrono::seconds(20));
-  if (!up.owned) Fatal("the benchmark daemon did not start (" + up.Why() + "; see processes.log)");
 
   DefaultLog();
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
@@ -85,19 +71,17 @@ int main(int argc, char** argv) {
 
   report.Header();
   {
-    Bench bench(options, report, bus.address, control.get());
+    Bench bench(options, report, bus.address(), bus.control());
     bench.liveLogLine = liveLogLine;
+    bench.liveness = std::move(liveness);
     bench.noJournalOfOurOwn = noJournalOfOurOwn;
     bench.Run();
   }  // the Launcher goes first: its destructor waits for its commands
 
-  DaemonControl(control.get()).Quit();
   g_main_loop_quit(loop);
   loopThread.join();
   g_main_loop_unref(loop);
-  support::StopChild(daemon, SIGTERM, std::chrono::seconds(5));
-  control.reset();
-  support::StopChild(bus.pid, SIGTERM, std::chrono::seconds(5));
+  bus.Stop();
 
   WriteTimeline(options.outDir + "/timeline.txt");
   std::printf("%s\n", report.Json().c_str());
