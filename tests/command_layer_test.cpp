@@ -177,15 +177,17 @@ TEST_F(TheCommandLayer, StaysConnectedWhenARestorationFollowsAConnect) {
   // restoration drops the new link, and the watcher then reports the daemon to a client without one.
   control().ReleaseName();
   auto client = NewClient(0);
-  std::future<void> restoration;
+  std::promise<std::shared_future<void>> started;  // the hook runs on the attempt's own thread
   AttemptHook attempts([&] {
-    restoration = std::async(std::launch::async, [&] { client->Reconnect(); });
+    const std::shared_future<void> restoration = std::async(std::launch::async, [&] { client->Reconnect(); }).share();
+    started.set_value(restoration);
     WaitUntil([&] { return attempts.reconnectWaits() || restoration.wait_for(0s) == std::future_status::ready; });
   });
   control().AcquireName();
   ASSERT_TRUE(logs().WaitFor(kReadyLine)) << logs().Dump();
-  ASSERT_TRUE(WaitUntil([&] { return restoration.valid(); }));
-  restoration.get();
+  std::future<std::shared_future<void>> restoration = started.get_future();
+  ASSERT_EQ(restoration.wait_for(20s), std::future_status::ready);
+  restoration.get().get();
   EXPECT_TRUE(client->IsConnected());
   ASSERT_TRUE(client->Submit("init", nullptr, -1, ends.Observer()));
   EXPECT_TRUE(ends.WaitFor({End::kRan})) << logs().Dump();

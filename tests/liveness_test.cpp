@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include <common/GLibUtils.h>
+#include <dbus/client/CallbackAnchor.h>
 #include <dbus/client/DBusClientAsync.h>
 #include <dbus/client/TestHooks.h>
 #include <zorvel/Launcher.h>
@@ -25,6 +26,14 @@ using zorvel::CommandStatus;
 using zorvel::Launcher;
 using End = DBusClientAsync::CommandEnd::Kind;
 using Hook = dbus::client::testing::Point;
+
+// What a command thread's stack may be: the library asks for 256 KiB; ThreadSanitizer's runtime
+// enlarges a small stack by room for its own per-thread state.
+#if defined(ZORVEL_TSAN_ANNOTATE)
+constexpr std::size_t kLargestStack = 1024 * 1024;
+#else
+constexpr std::size_t kLargestStack = 512 * 1024;
+#endif
 
 // Removes the test hook however the test ends.
 struct ScopedHook {
@@ -183,9 +192,11 @@ TEST_F(Liveness, ConnectAttemptsLeaveTheMainLoopRunningWhileTheBusIsFrozen) {
   EXPECT_EQ(launcher.Init(), 0);
   const bool attempting = WaitUntil([&] { return attempts > 0; });  // blocked on the bus
   std::atomic<bool> beat{false};
+  dbus::client::detail::PublishHandle(&beat);  // handed over through GLib, which ThreadSanitizer does not see
   g_main_context_invoke(
       nullptr,
       [](gpointer flag) -> gboolean {
+        dbus::client::detail::ReceiveHandle(flag);
         static_cast<std::atomic<bool>*>(flag)->store(true);
         return G_SOURCE_REMOVE;
       },
@@ -243,7 +254,7 @@ TEST_F(Liveness, CommandThreadsAreSmallAndAFailedStartEndsTheCommand) {
   });
   ASSERT_TRUE(InitReady(launcher));  // its outcome came on the command thread that ran it
   EXPECT_GT(stack, 0u);
-  EXPECT_LE(stack, 512u * 1024u);
+  EXPECT_LE(stack, kLargestStack);
 
   {
     ScopedHook refuse([](Hook point) {
