@@ -3,7 +3,10 @@
 
 #include <sys/wait.h>
 
+#include <cstring>
 #include <sstream>
+
+#include <zorvel/Version.h>
 
 #include "support/BusTest.h"
 
@@ -15,11 +18,12 @@ struct Outcome {
   std::string out, err;  // all of it, read once the process has ended
 };
 
-// Runs zorvelctl with `arguments` and waits for it; every command is bounded by its own --timeout.
-// `bus` replaces the private bus's address in the child's environment.
-Outcome Zorvelctl(const std::vector<std::string>& arguments, const char* bus = nullptr) {
+// Runs zorvelctl (or `program`) with `arguments` and waits for it; every command is bounded by its own
+// --timeout. `bus` replaces the private bus's address in the child's environment.
+Outcome Zorvelctl(const std::vector<std::string>& arguments, const char* bus = nullptr,
+                  const char* program = ZORVELCTL_PATH) {
   BusAddress();  // exports DBUS_SYSTEM_BUS_ADDRESS, which the child inherits
-  std::vector<char*> argv{const_cast<char*>(ZORVELCTL_PATH)};
+  std::vector<char*> argv{const_cast<char*>(program)};
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   gchar** environment = g_get_environ();
@@ -139,6 +143,12 @@ TEST_F(ZorvelctlTest, ExitsThreeWithoutADaemonAndTwoOnUsageErrors) {
   const Outcome help = Zorvelctl({"--help"});
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_TRUE(Has(help.out, "EXIT STATUS") && Has(help.out, "DBUS_SYSTEM_BUS_ADDRESS")) << help.out;
+  EXPECT_TRUE(Has(help.out, "--version")) << help.out;
+  for (const char* program : {ZORVELCTL_PATH, ZORVEL_SIM_PATH}) {  // both print the project's version
+    const Outcome version = Zorvelctl({"--version"}, nullptr, program);
+    EXPECT_EQ(version.exitCode, 0) << program << ": " << version.err;
+    EXPECT_EQ(version.out, std::string(std::strrchr(program, '/') + 1) + " " ZORVEL_VERSION_STRING "\n");
+  }
   EXPECT_TRUE(control().GetCalls().empty());
 }
 

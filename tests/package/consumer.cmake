@@ -38,6 +38,11 @@ elseif(MODE STREQUAL "pkg_config")
     message(FATAL_ERROR "pkg-config --cflags --libs zorvel failed")
   endif()
   message(STATUS "pkg-config: ${pkg_flags}")
+  execute_process(COMMAND pkg-config --modversion zorvel
+    OUTPUT_VARIABLE pkg_version OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT pkg_version STREQUAL VERSION)
+    message(FATAL_ERROR "zorvel.pc says version '${pkg_version}', the project ${VERSION}")
+  endif()
   separate_arguments(pkg_flags UNIX_COMMAND "${pkg_flags}")
   run(${CXX} -std=c++17 -Wall -Wextra ${sanitize_flags} ${SOURCE}/main.cpp ${pkg_flags}
       -o ${WORK}/zorvel_consumer)

@@ -7,7 +7,7 @@ if(NOT result EQUAL 0)
 endif()
 
 set(expected
-  ${LIBDIR}/libzorvel.so.1.0.0
+  ${LIBDIR}/libzorvel.so.${VERSION}
   ${LIBDIR}/libzorvel.so.1
   ${LIBDIR}/libzorvel.so
   ${LIBDIR}/pkgconfig/zorvel.pc
@@ -15,6 +15,7 @@ set(expected
   ${LIBDIR}/cmake/zorvel/zorvelConfigVersion.cmake
   ${LIBDIR}/cmake/zorvel/zorvelTargets.cmake
   include/zorvel/zorvel/Launcher.h
+  include/zorvel/zorvel/Version.h
   include/zorvel/common/Export.h
   include/zorvel/common/GLibPtr.h
   include/zorvel/common/GLibUtils.h

@@ -12,6 +12,7 @@
 #include <glib-unix.h>
 
 #include <platform/SystemLog.h>
+#include <zorvel/Version.h>
 
 #include "Simulator.h"
 
@@ -115,6 +116,7 @@ int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
   gint interval = 200;
   gboolean quiet = FALSE;
   gboolean help = FALSE;
+  gboolean version = FALSE;
   // FILENAME arrays keep the raw bytes: names need not be in the locale's encoding.
   const GOptionEntry entries[] = {
       {"address", 'a', 0, G_OPTION_ARG_STRING, &address,
@@ -128,6 +130,7 @@ int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
       {"interval", 0, 0, G_OPTION_ARG_INT, &interval, "Broadcast interval in milliseconds (default 200)", "MS"},
       {"quiet", 'q', 0, G_OPTION_ARG_NONE, &quiet, "Print nothing on stdout", nullptr},
       {"help", 'h', 0, G_OPTION_ARG_NONE, &help, "Show this help", nullptr},
+      {"version", 0, 0, G_OPTION_ARG_NONE, &version, "Print the version and exit", nullptr},
       {}};
   GOptionContext* context = g_option_context_new("- simulated zorvel daemon");
   g_option_context_add_main_entries(context, entries, nullptr);
@@ -144,6 +147,9 @@ int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
   } else if (help) {
     GCharPtr text(g_option_context_get_help(context, TRUE, nullptr));
     std::fputs(text.get(), stdout);
+    status = 0;
+  } else if (version) {
+    std::printf("zorvel-sim %s\n", zv_client::zorvel::Version());
     status = 0;
   } else if (argc > 1) {
     std::fprintf(stderr, "zorvel-sim: unexpected argument '%s'\nTry 'zorvel-sim --help'.\n", argv[1]);

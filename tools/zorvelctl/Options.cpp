@@ -14,6 +14,7 @@ const char kUsage[] = R"(NAME
 SYNOPSIS
     zorvelctl [--timeout SECONDS] [--verbose] [--json] COMMAND [ARGUMENTS]
     zorvelctl --help
+    zorvelctl --version
 
 DESCRIPTION
     zorvelctl runs one command of the zorvel daemon through libzorvel, the
@@ -82,6 +83,11 @@ OPTIONS
         "answer":N (the daemon's answer),"error":NAME (a D-Bus error),
         "command":...,"result":"ok"|"failed"|"unreachable","exit_code":N,
         "message":...}. "answer" and "error" appear when there is one.
+    -h, --help
+        Print this text and exit.
+    --version
+        Print "zorvelctl MAJOR.MINOR.PATCH", the version of the libzorvel it
+        runs on, and exit.
 
 EXIT STATUS
     0   Success: the daemon answered 0 (and, for connect, reported the
@@ -130,6 +136,8 @@ std::string ParseOptions(int argc, char** argv, Options& options) {
     const std::string arg = argv[i];
     if (arg == "-h" || arg == "--help") {
       options.help = true;
+    } else if (arg == "--version") {
+      options.version = true;
     } else if (arg == "-v" || arg == "--verbose") {
       options.verbose = true;
     } else if (arg == "--json") {
@@ -147,7 +155,7 @@ std::string ParseOptions(int argc, char** argv, Options& options) {
       positional.push_back(arg);
     }
   }
-  if (options.help) return "";
+  if (options.help || options.version) return "";
   if (positional.empty()) return "no command given";
   options.command = positional[0];
   const std::set<std::string> withId{"connect", "delete"};

@@ -17,11 +17,12 @@ struct Options {
   bool verbose = false;
   bool json = false;
   bool help = false;
+  bool version = false;
 };
 
 // Fills `options` from the command line and gives the command its default
 // timeout; returns an error message, empty when `options` is complete (or
-// --help was asked for).
+// --help or --version was asked for).
 std::string ParseOptions(int argc, char** argv, Options& options);
 
 extern const char kUsage[];

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <string>
 
+#include <zorvel/Version.h>
+
 #include "Commands.h"
 #include "Options.h"
 #include "Output.h"
@@ -20,6 +22,10 @@ int main(int argc, char** argv) {
   const std::string error = ParseOptions(argc, argv, options);
   if (options.help) {
     std::fputs(kUsage, stdout);
+    return kExitOk;
+  }
+  if (options.version) {
+    std::printf("zorvelctl %s\n", zv_client::zorvel::Version());
     return kExitOk;
   }
   if (!error.empty()) {

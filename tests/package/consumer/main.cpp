@@ -1,13 +1,16 @@
 // A minimal application of the installed library: one payload round trip
-// through the public helpers, log lines caught by a sink, and a Launcher
-// created and destroyed (which needs no bus).
+// through the public helpers, log lines caught by a sink, a Launcher created
+// and destroyed (which needs no bus), and the installed header's version
+// matching the installed library's.
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include <common/GLibUtils.h>
 #include <platform/SystemLog.h>
 #include <zorvel/Launcher.h>
+#include <zorvel/Version.h>
 
 namespace common = zv_client::common;
 namespace platform = zv_client::platform;
@@ -31,6 +34,11 @@ int main() {
   }
 
   { zv_client::zorvel::Launcher launcher; }
+
+  if (std::strcmp(zv_client::zorvel::Version(), ZORVEL_VERSION_STRING) != 0) {
+    std::fprintf(stderr, "header version %s, library version %s\n", ZORVEL_VERSION_STRING, zv_client::zorvel::Version());
+    return 1;
+  }
 
   platform::SetLogSink(nullptr);
   std::printf("zorvel consumer: ok (%d log lines)\n", lines);
