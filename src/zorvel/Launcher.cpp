@@ -61,6 +61,13 @@ void Replace(SharedCallback<Signature>& member, std::function<Signature> callbac
 // reported late (by a client deleted on another thread) reaches nobody.
 struct detail::OutcomeRoute {
   SharedCallback<void(const CommandOutcome&)> callback;  // guarded by callbackMutex
+  // Kept here rather than in the Launcher, whose size is part of the ABI.
+  SharedCallback<void(const LinkStatus&)> linkCallback;  // guarded by callbackMutex
+
+  void DeliverLink(const LinkStatus& status) {
+    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::CallbackMutex());
+    if (const auto current = Current(linkCallback)) (*current)(status);
+  }
 
   // Runs the callback under the lock that keeps callbacks from overlapping.
   void Deliver(const CommandOutcome& outcome) {
@@ -70,6 +77,7 @@ struct detail::OutcomeRoute {
   void Detach() {
     dbus::client::detail::CallbackExclusion exclusive(ClientInternals::CallbackMutex());
     Replace(callback, OutcomeCallback());
+    Replace(linkCallback, std::function<void(const LinkStatus&)>());
   }
 };
 
@@ -260,7 +268,9 @@ int Launcher::Init() noexcept {
     return 0;
   }
   try {
-    detail::InstallClient(std::make_unique<DBusClientAsync>());
+    auto created = std::make_unique<DBusClientAsync>();
+    created->SetLinkStateObserver([route = outcomes_](const LinkStatus& status) { route->DeliverLink(status); });
+    detail::InstallClient(std::move(created));
     const ClientLease client = detail::LeaseClient();
     if (!client || !client->Connect()) {
       ZV_LOGI("Unable to connect to DBus server");
@@ -426,6 +436,10 @@ void Launcher::SetOnConnectionAvailable(std::function<void(int, bool)> callback)
 
 void Launcher::SetOnCommandOutcome(std::function<void(const CommandOutcome&)> callback) noexcept {
   Replace(outcomes_->callback, std::move(callback));
+}
+
+void Launcher::SetOnLinkState(std::function<void(const LinkStatus&)> callback) noexcept {
+  Replace(outcomes_->linkCallback, std::move(callback));
 }
 
 void Launcher::SetSignalCallbacks() {

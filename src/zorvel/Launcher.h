@@ -125,6 +125,7 @@
 
 #include <common/Export.h>
 #include <common/GLibUtils.h>
+#include <dbus/client/LinkState.h>
 
 namespace zv_client {
 namespace zorvel {
@@ -154,6 +155,11 @@ inline constexpr char kErrorInternal[] = "zorvel.client.Error.Internal";  // e.g
 inline constexpr char kErrorInvalidReply[] = "zorvel.client.Error.InvalidReply";  // a reply that does not decode
 inline constexpr char kErrorCancelled[] = "zorvel.client.Error.Cancelled";        // a call in flight at teardown
 // kTimedOut: "org.freedesktop.DBus.Error.NoReply".
+
+// Where the link to the daemon stands (see SetOnLinkState).
+using LinkState = dbus::client::LinkState;
+using LinkStatus = dbus::client::LinkStatus;
+using dbus::client::LinkStateName;
 
 struct CommandOutcome {
   CommandId id = 0;
@@ -224,6 +230,14 @@ class ZORVEL_API Launcher {
   void SetOnConnectionAvailable(std::function<void(int, bool)> callback) noexcept;
   // Receives how each command issued through this Launcher ended (see above).
   void SetOnCommandOutcome(std::function<void(const CommandOutcome&)> callback) noexcept;
+  // Receives every change of the link to the daemon, on the main-loop thread,
+  // in order, from Init on: connecting; waiting for the daemon (its name has
+  // no owner, or one that is going away); the bus unreachable (with its
+  // address and GLib's error); ready; held after StopBroadcast or the
+  // daemon's closing event until its name changes owner. Each with a text
+  // for people. While the state is anything but ready, commands are held:
+  // this says why. Set it before Init to hear the first state.
+  void SetOnLinkState(std::function<void(const LinkStatus&)> callback) noexcept;
   // Registers the Launcher's signal handlers with the client; Init calls it.
   void SetSignalCallbacks();
 

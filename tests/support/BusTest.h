@@ -32,11 +32,13 @@ class BusTest : public ::testing::Test {
     sim_.reset();
   }
 
-  // Kills the bus and starts a new one at its address: the daemon goes with
-  // the old bus, and is started again on the new one after `whileAway`.
-  void RestartBusAndDaemon(const std::function<void()>& whileAway = {}) {
+  // Kills the bus and starts a new one at its address (after `whileBusDown`):
+  // the daemon goes with the old bus, and is started again on the new one
+  // after `whileAway`.
+  void RestartBusAndDaemon(const std::function<void()>& whileAway = {},
+                           const std::function<void()>& whileBusDown = {}) {
     control_.reset();
-    RestartBus();
+    RestartBus(whileBusDown);
     sim_->Stop();  // it quit when its bus went
     if (whileAway) whileAway();
     ASSERT_TRUE(sim_->Start());

@@ -63,9 +63,10 @@ class PrivateBus {
   }
 
   // Kills the dbus-daemon and starts a new one at the same address.
-  void Restart() {
+  void Restart(const std::function<void()>& whileDown) {
     std::lock_guard<std::mutex> lock(mutex_);
     StopDaemon(SIGKILL);
+    if (whileDown) whileDown();
     StartDaemon();
   }
 
@@ -136,7 +137,7 @@ const std::string& BusAddress() { return PrivateBus::Get().address(); }
 
 common::GObjectPtr<GDBusConnection> OpenBusConnection() { return Open(BusAddress()); }
 
-void RestartBus() { PrivateBus::Get().Restart(); }
+void RestartBus(const std::function<void()>& whileDown) { PrivateBus::Get().Restart(whileDown); }
 
 void FreezeBus(bool frozen) { PrivateBus::Get().Freeze(frozen); }
 

@@ -23,8 +23,9 @@ namespace testing {
 const std::string& BusAddress();
 
 // Kills the bus (every connection to it is lost) and starts a new one at the
-// same address.
-void RestartBus();
+// same address, after `whileDown` returned (it must not use this header's
+// functions).
+void RestartBus(const std::function<void()>& whileDown = {});
 
 // Stops (true) or resumes (false) the bus's dbus-daemon: meanwhile the bus
 // accepts connections and answers nothing, as a bus under pressure.

@@ -65,6 +65,11 @@ DBusClient::~DBusClient() {
   ZV_LOGI("~DBusClient end");
 }
 
+DBusClient::ConnectFailure DBusClient::LastConnectFailure() const {
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  return lastConnectFailure_;
+}
+
 common::GObjectPtr<GDBusConnection> DBusClient::BusConnection() const {
   std::lock_guard<std::mutex> lock(stateMutex_);
   if (!connection_ || g_dbus_connection_is_closed(connection_.get())) return nullptr;
@@ -118,6 +123,11 @@ bool DBusClient::Connect() {
   }
   if (proxy == nullptr) {
     ZV_LOGE("Failed to setup D-Bus proxy for Zorvel Daemon, error = %s", error ? error->message : "unknown error");
+    ConnectFailure failure{ConnectFailure::kBusUnreachable, "", error ? error->message : "unknown error"};
+    common::GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+    if (address) failure.busAddress = address.get();
+    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    lastConnectFailure_ = std::move(failure);
     return false;
   }
 
@@ -128,16 +138,20 @@ bool DBusClient::Connect() {
     signalSubscriptionId_ = g_dbus_connection_signal_subscribe(
         bus.get(), kBusName.c_str(), kInterfaceName.c_str(), nullptr, kObjectPath.c_str(), nullptr,
         G_DBUS_SIGNAL_FLAGS_NONE, &DBusClient::SignalHandler, NewCallbackHandle(), &DBusClient::FreeCallbackHandle);
+    // Connected before the watcher starts: its report may come at once on
+    // the main loop, while this runs on another thread, and a client told
+    // ready must already be connected.
+    connected_ = true;
     // On the proxy's own connection: a watcher on another one would follow
     // the daemon on a bus the proxy no longer talks to, or on none.
     LaunchBusWatcher(bus.get());
-    connected_ = true;
     return connected_;
   }
 
   ZV_LOGE("Connection failed: got empty nameOwner? [%d] connected to service which terminates? [%d]", owner ? 0 : 1,
           (owner && remembered == owner.get()) ? 1 : 0);
   std::lock_guard<std::mutex> stateLock(stateMutex_);
+  lastConnectFailure_ = ConnectFailure{owner ? ConnectFailure::kOwnerGoingAway : ConnectFailure::kNoOwner, "", ""};
   proxy_.reset();
   return false;
 }

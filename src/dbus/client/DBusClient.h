@@ -116,6 +116,15 @@ class ZORVEL_API DBusClient {
   // The connection as it is, without opening one; null when none is open.
   common::GObjectPtr<GDBusConnection> BusConnection() const;
 
+  // Why the last Connect failed.
+  struct ConnectFailure {
+    enum Kind { kNone, kBusUnreachable, kNoOwner, kOwnerGoingAway };
+    Kind kind = kNone;
+    std::string busAddress;  // kBusUnreachable: the address tried
+    std::string error;       // kBusUnreachable: GLib's message
+  };
+  ConnectFailure LastConnectFailure() const;
+
   // The synchronous Call of this class, also handing back why it failed:
   // the GDBus error of the call, or none when the client was not ready and
   // nothing was sent.
@@ -150,6 +159,7 @@ class ZORVEL_API DBusClient {
   mutable std::mutex stateMutex_;
   common::GObjectPtr<GDBusConnection> connection_;  // guarded by stateMutex_; closed and released at teardown
   common::GObjectPtr<GCancellable> cancellable_;    // set once; cancelled at teardown
+  ConnectFailure lastConnectFailure_;               // guarded by stateMutex_
   std::shared_ptr<detail::CallbackAnchor> anchor_;  // shared with every GLib registration
 };
 

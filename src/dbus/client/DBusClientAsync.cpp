@@ -317,6 +317,11 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
   ZV_LOGI_THD("IpcReady [%d] command pool size [%zu]", isReady ? 1 : 0, self.commandPool_.size());
   self.ResetTimer(true);
   self.ready_ = isReady;
+  if (isReady) {
+    self.ReportLink(LinkState::kReady, "the daemon is ready");
+  } else {
+    self.ReportLink(LinkState::kWaitingForDaemon, "the daemon's name " + kBusName + " vanished: waiting for a new owner");
+  }
 
   if (!isReady) {
     ZV_LOGI("Connection lost. Disconnect from the server and stop watcher");
@@ -397,6 +402,12 @@ bool DBusClientAsync::Connect() {
     connectTimerSource_ = source;
   }
   ZV_LOGI("connect id[%d]", static_cast<int>(id));
+  bool lost = false;  // a restoration: the attempts tell why the daemon is not there
+  {
+    std::lock_guard<std::mutex> lock(statusMutex_);
+    lost = reportedState_ == LinkState::kWaitingForDaemon || reportedState_ == LinkState::kBusUnreachable;
+  }
+  if (!lost) ReportLink(LinkState::kConnecting, "connecting to the daemon on the system bus");
   return true;
 }
 
@@ -472,8 +483,11 @@ bool DBusClientAsync::AttemptConnect(bool fromTimer) {
   if (DBusClient::Connect()) {
     testing::Hook(fromTimer ? testing::Point::kConnectedByTimer : testing::Point::kConnectedByNameWatch);
     ResetTimer(!fromTimer);
+    // Unless the readiness the watcher reports on the main loop came first.
+    ReportLink(LinkState::kConnecting, "the daemon's name has an owner: connecting", {}, {}, true);
     return true;
   }
+  ReportConnectFailure();
   // Until the daemon's name gets an owner the timer keeps trying; the watch
   // makes the attempt as soon as it has one.
   StartNameWatch();
@@ -544,6 +558,9 @@ bool DBusClientAsync::Disconnect() {
   std::unique_lock<std::mutex> lock(poolMutex_);
   DiscardPool();
   ready_ = false;
+  ReportLink(LinkState::kHeldUntilNewOwner,
+             "commands are held until the daemon's name passes to a new owner (after StopBroadcast or the daemon's "
+             "closing event)");
   DeliverQueued(lock);  // the discarded commands' ends, on this thread
   return true;
 }
@@ -600,6 +617,96 @@ void DBusClientAsync::RestoreConnection() {
     reconnectFuture_ = std::move(finished);
   }
   ZV_LOGI("RestoreConnection end");
+}
+
+const char* LinkStateName(LinkState state) {
+  switch (state) {
+    case LinkState::kConnecting:
+      return "connecting";
+    case LinkState::kWaitingForDaemon:
+      return "waiting-for-daemon";
+    case LinkState::kBusUnreachable:
+      return "bus-unreachable";
+    case LinkState::kReady:
+      return "ready";
+    case LinkState::kHeldUntilNewOwner:
+      return "held-until-new-owner";
+  }
+  return "unknown";
+}
+
+void DBusClientAsync::SetLinkStateObserver(std::function<void(const LinkStatus&)> observer) {
+  std::shared_ptr<const std::function<void(const LinkStatus&)>> replacement;
+  if (observer) replacement = std::make_shared<const std::function<void(const LinkStatus&)>>(std::move(observer));
+  std::lock_guard<std::mutex> lock(statusMutex_);
+  linkObserver_.swap(replacement);
+}
+
+void DBusClientAsync::ReportLink(LinkState state, std::string text, std::string busAddress, std::string error,
+                                 bool onlyAfterLoss) {
+  {
+    std::lock_guard<std::mutex> lock(statusMutex_);
+    if (closing_ || reportedState_ == state) return;
+    const bool lost = reportedState_ == LinkState::kWaitingForDaemon || reportedState_ == LinkState::kBusUnreachable;
+    if (onlyAfterLoss && !lost) return;
+    reportedState_ = state;
+    statusQueue_.push_back(LinkStatus{state, std::move(text), std::move(busAddress), std::move(error)});
+    if (statusIdleArmed_) return;
+    statusIdleArmed_ = true;
+  }
+  // Changes come from the command, attempt and application threads; the
+  // application hears of them on its main loop, in order.
+  GSource* source = g_idle_source_new();
+  g_source_set_callback(source, &DBusClientAsync::OnLinkStatusIdle, NewCallbackHandle(),
+                        &DBusClient::FreeCallbackHandle);
+  g_source_attach(source, nullptr);
+  g_source_unref(source);
+}
+
+void DBusClientAsync::ReportConnectFailure() {
+  const ConnectFailure failure = LastConnectFailure();
+  switch (failure.kind) {
+    case ConnectFailure::kBusUnreachable:
+      ReportLink(LinkState::kBusUnreachable,
+                 "the system bus at " + (failure.busAddress.empty() ? std::string("(no address)") : failure.busAddress) +
+                     " cannot be reached: " + failure.error,
+                 failure.busAddress, failure.error);
+      return;
+    case ConnectFailure::kNoOwner:
+      ReportLink(LinkState::kWaitingForDaemon, "waiting for the daemon: " + kBusName + " has no owner on the system bus");
+      return;
+    case ConnectFailure::kOwnerGoingAway:
+      ReportLink(LinkState::kWaitingForDaemon,
+                 "waiting for the daemon: " + kBusName + " is still owned by the instance that is going away");
+      return;
+    case ConnectFailure::kNone:
+      return;
+  }
+}
+
+gboolean DBusClientAsync::OnLinkStatusIdle(gpointer handle) {
+  detail::CallbackScope scope(handle);
+  auto* self = static_cast<DBusClientAsync*>(scope.client());
+  if (self == nullptr) return G_SOURCE_REMOVE;
+  std::deque<LinkStatus> statuses;
+  std::shared_ptr<const std::function<void(const LinkStatus&)>> observer;
+  {
+    std::lock_guard<std::mutex> lock(self->statusMutex_);
+    statuses.swap(self->statusQueue_);
+    self->statusIdleArmed_ = false;
+    observer = self->linkObserver_;
+  }
+  if (!observer || !*observer) return G_SOURCE_REMOVE;
+  for (const LinkStatus& status : statuses) {
+    try {  // an exception must not unwind through GLib's C frames
+      (*observer)(status);
+    } catch (const std::exception& exception) {
+      ZV_LOGE("Link state callback threw: %s", exception.what());
+    } catch (...) {
+      ZV_LOGE("Link state callback threw");
+    }
+  }
+  return G_SOURCE_REMOVE;
 }
 
 DBusClientAsync::Counts DBusClientAsync::GetCounts() {

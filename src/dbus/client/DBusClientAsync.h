@@ -16,6 +16,7 @@
 #include <common/GLibPtr.h>
 #include <common/GLibUtils.h>
 #include <dbus/client/DBusClient.h>
+#include <dbus/client/LinkState.h>
 
 namespace zv_client {
 namespace dbus {
@@ -168,6 +169,11 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
 
   Counts GetCounts();
 
+  // Told every change of the link's state, on the main-loop thread (the
+  // default main context), in order; none after the client's destruction
+  // began. Replaces the observer set before.
+  void SetLinkStateObserver(std::function<void(const LinkStatus&)> observer);
+
  private:
   // An accepted command, or (empty) the replay of the held commands, in the
   // order in which library threads take them.
@@ -219,6 +225,13 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   void ArmRestoration();
   // Forgets the timer and the name watch; removes the timer's source.
   void DropTimer();
+  // Queues a change of the link's state for the main loop (unchanged states
+  // are not told; with `onlyAfterLoss`, only one that follows a loss).
+  void ReportLink(LinkState state, std::string text, std::string busAddress = {}, std::string error = {},
+                  bool onlyAfterLoss = false);
+  // The state an attempt's failure means.
+  void ReportConnectFailure();
+  static gboolean OnLinkStatusIdle(gpointer handle);
   static gboolean OnConnectTimer(gpointer handle);
   static void OnDaemonNameAppeared(GDBusConnection* connection, const char* name, const char* nameOwner, void* handle);
 
@@ -254,6 +267,11 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   std::atomic<bool> reconnectPassed_{false};
   std::atomic<bool> draining_{false};  // set first in the destructor: nothing new is pooled
   std::atomic<bool> closing_{false};   // set after the grace period: nothing new runs
+  std::mutex statusMutex_;                      // a leaf
+  std::optional<LinkState> reportedState_;      // guarded by statusMutex_
+  std::deque<LinkStatus> statusQueue_;          // not yet told; guarded by statusMutex_
+  bool statusIdleArmed_ = false;                // guarded by statusMutex_
+  std::shared_ptr<const std::function<void(const LinkStatus&)>> linkObserver_;  // guarded by statusMutex_
   std::unique_ptr<detail::CommandIntake<IntakeItem>> intake_;
   std::unique_ptr<detail::OrderedDeliveries> deliveries_;  // what runs after poolMutex_ is released
   std::unique_ptr<detail::CommandTally> tally_;

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+
+namespace zv_client {
+namespace dbus {
+namespace client {
+
+// Where the link to the daemon stands, as the application sees it: why a
+// command is held, if it is.
+enum class LinkState {
+  kConnecting,          // a connection to the daemon is being made
+  kWaitingForDaemon,    // the bus is there, the daemon's name has no owner (or one that is going away)
+  kBusUnreachable,      // the system bus cannot be reached: `busAddress`, `error`
+  kReady,               // the daemon is ready: commands are sent
+  kHeldUntilNewOwner,   // after StopBroadcast or the daemon's closing event, until its name changes owner
+};
+
+struct LinkStatus {
+  LinkState state = LinkState::kConnecting;
+  std::string text;        // for people: what the state means now
+  std::string busAddress;  // kBusUnreachable: the address tried ("" when none is known)
+  std::string error;       // kBusUnreachable: GLib's error message
+};
+
+// The state's name, as zorvelctl prints it: "connecting", "waiting-for-daemon",
+// "bus-unreachable", "ready", "held-until-new-owner".
+const char* LinkStateName(LinkState state);
+
+}  // namespace client
+}  // namespace dbus
+}  // namespace zv_client
