@@ -28,7 +28,6 @@ using Clock = std::chrono::steady_clock;
 using Hook = dbus::client::testing::Point;
 using namespace std::chrono_literals;
 
-const std::string kReadyLine = "\"IpcReady [1] command pool size [";
 const Found kStored{{7, "Stored"}, {8, "Other"}};
 const Strings kMethods{"init",        "deinit", "connect", "startBroadcast", "stopBroadcast", "deleteStoredProfile",
                        "readProfiles"};
@@ -59,6 +58,8 @@ class AttemptHook {
   explicit AttemptHook(std::function<void()> onConnected = {}) : onConnected_(std::move(onConnected)) {
     dbus::client::testing::SetHook([this](Hook point) {
       if (point == Hook::kReconnectAwaitsLink) reconnectWaits_ = true;
+      if (point == Hook::kAttemptStarts) ++started_;
+      if (point == Hook::kTeardownBegins) ++teardowns_;
       if (point != Hook::kConnectedByTimer && point != Hook::kConnectedByNameWatch) return;
       (point == Hook::kConnectedByTimer ? byTimer_ : byNameWatch_)++;
       if (onConnected_) std::exchange(onConnected_, nullptr)();
@@ -68,10 +69,12 @@ class AttemptHook {
   int byTimer() const { return byTimer_; }
   int byNameWatch() const { return byNameWatch_; }
   bool reconnectWaits() const { return reconnectWaits_; }
+  int started() const { return started_; }      // connect attempts begun
+  int teardowns() const { return teardowns_; }  // client destructors begun
 
  private:
   std::function<void()> onConnected_;  // run once, on the main-loop thread
-  std::atomic<int> byTimer_{0}, byNameWatch_{0};
+  std::atomic<int> byTimer_{0}, byNameWatch_{0}, started_{0}, teardowns_{0};
   std::atomic<bool> reconnectWaits_{false};
 };
 
@@ -79,8 +82,16 @@ class TheCommandLayer : public BusTest {
  protected:
   SimOptions SimArguments() const override { return {kStored, {}, 20}; }
 
-  std::unique_ptr<DBusClientAsync> NewClient(std::size_t readyCount = 1) {  // waits for the readyCount-th readiness
+  std::unique_ptr<DBusClientAsync> NewClient(int readyCount = 1) {  // waits for its readyCount-th readiness
     auto client = std::make_unique<DBusClientAsync>();
+    readies_ = 0;
+    reports_ = 0;
+    client->SetLinkStateObserver([this](const dbus::client::LinkStatus& status) {
+      if (status.state == dbus::client::LinkState::kReady) ++readies_;
+      if (status.state == dbus::client::LinkState::kReady || status.state == dbus::client::LinkState::kWaitingForDaemon) {
+        ++reports_;
+      }
+    });
     client->SetSignalCallback("onFound", [this](GVariant* parameters) {
       std::string name;
       int id = 0;
@@ -88,9 +99,12 @@ class TheCommandLayer : public BusTest {
     });
     client->SetSignalCallback("onDbusClosing", [raw = client.get()](GVariant*) { raw->Disconnect(); });
     client->Connect();
-    EXPECT_TRUE(readyCount == 0 || logs().WaitFor(kReadyLine, readyCount)) << logs().Dump();
-    RunOnMainLoop([] {});  // the readiness handler, replay included, has returned
+    EXPECT_TRUE(readyCount == 0 || WaitForReadies(readyCount)) << logs().Dump();
     return client;
+  }
+  // Readiness is told on the main loop after the readiness handler returned.
+  bool WaitForReadies(int count) {
+    return WaitUntil([&] { return readies_ >= count; });
   }
   // The daemon's calls once the client is idle.
   Strings Calls(DBusClientAsync& client) {
@@ -99,6 +113,7 @@ class TheCommandLayer : public BusTest {
   }
 
   Recorder<std::pair<int, std::string>> found_;
+  std::atomic<int> readies_{0}, reports_{0};  // of the latest client: readiness, and readiness or its loss
 };
 
 TEST_F(TheCommandLayer, RunsEachCommandOnAThreadOfItsOwn) {
@@ -158,12 +173,13 @@ TEST_F(TheCommandLayer, ReconnectsWhenTheNameGetsAnOwner) {
   for (int round = 1; round <= 3; ++round) {  // a name passed on at once, and one that stays away a while
     if (round == 2) {
       sim().Kill();
-      ASSERT_TRUE(logs().WaitFor("Try to connect to DBus server", 2)) << "the retry timer stopped trying";
+      ASSERT_TRUE(WaitUntil([&, before = attempts.started()] { return attempts.started() >= before + 2; }))
+          << "the retry timer stopped trying";
       ASSERT_TRUE(sim().Start());
     } else {
       control().Restart();
     }
-    ASSERT_TRUE(logs().WaitFor(kReadyLine, round + 1)) << logs().Dump();
+    ASSERT_TRUE(WaitForReadies(round + 1)) << logs().Dump();
   }
   // The retry comes 500 ms after the attempt that failed: only a stalled machine lets it win a round.
   EXPECT_EQ(attempts.byNameWatch() + attempts.byTimer(), 3);
@@ -184,7 +200,7 @@ TEST_F(TheCommandLayer, StaysConnectedWhenARestorationFollowsAConnect) {
     WaitUntil([&] { return attempts.reconnectWaits() || restoration.wait_for(0s) == std::future_status::ready; });
   });
   control().AcquireName();
-  ASSERT_TRUE(logs().WaitFor(kReadyLine)) << logs().Dump();
+  ASSERT_TRUE(WaitForReadies(1)) << logs().Dump();
   std::future<std::shared_future<void>> restoration = started.get_future();
   ASSERT_EQ(restoration.wait_for(20s), std::future_status::ready);
   restoration.get().get();
@@ -295,13 +311,14 @@ TEST_F(TheCommandLayer, TeardownDoesNotWaitForTheDaemon) {
 
   // A delivery handler still running when destruction starts uses the client: waited for.
   control().AcquireName();
-  client = NewClient(2);
+  client = NewClient();
   DBusClientAsync* raw = client.get();
+  AttemptHook hook;
   std::atomic<bool> entered{false};
   std::atomic<int> usedDuringTeardown{0};
   client->SetSignalCallback("onFound", [&, raw](GVariant*) {
     entered = true;
-    if (!logs().WaitFor("Stop dbus client", 3)) return;
+    if (!WaitUntil([&] { return hook.teardowns() > 0; }, 3s)) return;
     raw->Disconnect();
     ++usedDuringTeardown;
   });
@@ -324,17 +341,18 @@ TEST_F(TheCommandLayer, SurvivesClientsDestroyedDuringRestarts) {
     }
   });
   Probes probes;
+  AttemptHook hook;
   for (int round = 0; round < 30; ++round) {
-    const std::size_t attempts = logs().Count("Try to connect to DBus server"), reports = logs().Count("\"IpcReady [");
+    const int attempts = hook.started();
     auto client = NewClient(0);
     // Destroyed before its timer fired, as it fires, after the first report with commands running,
     // with a restoration starting, with a read racing the first connect.
     const int kind = round % 5;
-    EXPECT_TRUE((kind != 1 && kind != 4) || logs().WaitFor("Try to connect to DBus server", attempts + 1));
+    EXPECT_TRUE((kind != 1 && kind != 4) || WaitUntil([&] { return hook.started() > attempts; }));
     for (const std::string& method : kind == 2 || kind == 3 ? kMethods : std::vector<std::string>{}) {
       EXPECT_TRUE(client->Call(method, ParamsFor(method, probes), nullptr, -1));
     }
-    EXPECT_TRUE(kind != 2 || logs().WaitFor("\"IpcReady [", reports + 1)) << "round " << round;
+    EXPECT_TRUE(kind != 2 || WaitUntil([&] { return reports_ > 0; })) << "round " << round;
     EXPECT_TRUE(kind != 4 || client->Call("readProfiles", nullptr, nullptr, -1));
     client.reset();
   }

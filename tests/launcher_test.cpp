@@ -1,6 +1,7 @@
 // The Launcher end to end: what each command sends, answers and ends with, the shared client's
 // replacement and teardown, restarts of the daemon and of the bus, callbacks and their hazards.
 
+#include <algorithm>
 #include <future>
 #include <optional>
 #include <tuple>
@@ -58,9 +59,22 @@ class LauncherTest : public BusTest {
  protected:
   SimOptions SimArguments() const override { return {{{1, "One"}, {2, "Two"}}, {}, 50}; }
 
-  // Init, then wait until the command layer is ready for the `count`th time.
-  ::testing::AssertionResult InitReady(Launcher& launcher, std::size_t count = 1) {
-    if (launcher.Init() == 0 && logs().WaitFor("IpcReady [1]", count)) return ::testing::AssertionSuccess();
+  // Records the link states `launcher` tells from now on.
+  void WatchLink(Launcher& launcher) {
+    states_.Clear();
+    launcher.SetOnLinkState([this](const zorvel::LinkStatus& status) { states_.Add(status.state); });
+  }
+  // Waits until the link was told ready `count` times since WatchLink.
+  bool ReadyTimes(std::size_t count) {
+    return WaitUntil([&] {
+      const auto states = states_.Items();
+      return static_cast<std::size_t>(std::count(states.begin(), states.end(), zorvel::LinkState::kReady)) >= count;
+    });
+  }
+  // Init, then wait until the command layer is ready.
+  ::testing::AssertionResult InitReady(Launcher& launcher) {
+    WatchLink(launcher);
+    if (launcher.Init() == 0 && ReadyTimes(1)) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the daemon never became ready\n" << logs().Dump();
   }
   void Attach(Launcher& launcher) {
@@ -80,6 +94,7 @@ class LauncherTest : public BusTest {
     for (GVariant* body : bodies) control().Emit(member, body);
   }
 
+  Recorder<zorvel::LinkState> states_;
   Recorder<Found> found_;
   Recorder<int> cancelled_;
   Recorder<Available> available_;
@@ -159,6 +174,7 @@ TEST_F(LauncherTest, DirectCallsAnswerOnTheCallingThread) {
   control().ReleaseName();
   Launcher launcher;
   outcomes_.Attach(launcher);
+  WatchLink(launcher);
   ASSERT_EQ(launcher.Init(), 0);  // the daemon being away does not fail Init
   CommandId stop = 0, stopBroadcast = 0;
   EXPECT_EQ(launcher.Stop(&stop), -1);
@@ -167,7 +183,7 @@ TEST_F(LauncherTest, DirectCallsAnswerOnTheCallingThread) {
   EXPECT_EQ(outcomes_.Find(stopBroadcast)->second, std::this_thread::get_id());
 
   control().AcquireName();
-  ASSERT_TRUE(logs().WaitFor("IpcReady [1]"));
+  ASSERT_TRUE(ReadyTimes(1));
   control().SetAnswer("deinit", -1);
   EXPECT_EQ(launcher.Stop(&stop), 0) << "Stop returns 0 whatever the daemon answers";
   EXPECT_EQ(outcomes_.Final(stop).answer, -1);
@@ -195,11 +211,13 @@ TEST_F(LauncherTest, StopBroadcastInADeliveryDiscardsHeldCommands) {
   dbus::client::testing::SetHook([&](Hook point) {
     if (point != Hook::kDisconnectAwaitsPool || held != 0) return;
     control().ReleaseName();
-    EXPECT_TRUE(logs().WaitFor("IpcReady [0]"));
+    EXPECT_TRUE(WaitUntil([] { return !CurrentClient()->IsConnected(); }));
     CommandId id = 0;
     launcher.StartBroadcast(true, &id);
     held = id;
-    EXPECT_TRUE(logs().WaitFor("move command[startBroadcast] into pool"));  // its "held" waits for us
+    EXPECT_TRUE(WaitUntil([] {  // its "held" waits for us
+      return static_cast<dbus::client::DBusClientAsync*>(CurrentClient())->GetCounts().held == 1;
+    }));
   });
   launcher.DeleteStoredProfile(1, &trigger);
   ASSERT_TRUE(WaitUntil([&] { return held != 0; }));
@@ -245,9 +263,10 @@ TEST_F(LauncherTest, ASecondInitReplacesTheClient) {
   ASSERT_TRUE(control().WaitForCall("readProfiles"));
   EXPECT_EQ(first.StartBroadcast(true), 0);  // waits behind readProfiles
   // Replacing the client cancels the call in flight and discards the rest.
+  WatchLink(second);
   ASSERT_TRUE(FinishesInBoundedTime([&] { EXPECT_EQ(second.Init(), 0); }));
   EXPECT_NE(CurrentClient(), firstClient);
-  ASSERT_TRUE(logs().WaitFor("IpcReady [1]", 2));
+  ASSERT_TRUE(ReadyTimes(1));
   control().SetNoReply("readProfiles", false);
   second.ReadProfiles();
   ASSERT_TRUE(found_.WaitForSize(2));
@@ -325,7 +344,8 @@ TEST_F(LauncherTest, SignalsReachTheirCallbacks) {
   control().Emit("onFound", common::SerializeIntoGVariant("Kitchen speaker", 101));
   control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall display", 7}, 3));
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 5, 1));
-  ASSERT_TRUE(logs().WaitFor("onConnectionAvailable emitted", 4));
+  control().Emit("onDbusClosing", g_variant_new("(i)", 0));  // one sender: once it is handled, all were
+  ASSERT_TRUE(WaitUntil([&] { return states_.Items().back() == zorvel::LinkState::kHeldUntilNewOwner; }));
   EXPECT_EQ(found_.Items().size() + cancelled_.Items().size() + available_.Items().size(), 6u);
 }
 
@@ -419,7 +439,7 @@ TEST_F(LauncherTest, ListenersHearARestartedDaemon) {
   ASSERT_TRUE(InitReady(launcher));
   sim().Kill();
   ASSERT_TRUE(sim().Start());
-  ASSERT_TRUE(logs().WaitFor("IpcReady [1]", 2)) << logs().Dump();
+  ASSERT_TRUE(ReadyTimes(2)) << logs().Dump();
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 3, 1));
   ASSERT_TRUE(available_.WaitForSize(1));
   EXPECT_EQ(available_.Items(), (std::vector<Available>{{3, true}}));

@@ -46,6 +46,7 @@ DBusClientAsync::DBusClientAsync()
 
 DBusClientAsync::~DBusClientAsync() {
   ZV_LOGI("Stop dbus client");
+  testing::Hook(testing::Point::kTeardownBegins);
 
   // Commands accepted before teardown still run while the daemon is ready, for
   // a short grace period; commands that would have to wait are discarded.

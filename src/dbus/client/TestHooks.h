@@ -17,6 +17,7 @@ enum class Point {
   kConnectedByNameWatch,  // as above, for the attempt made when the daemon's name got an owner
   kReconnectAwaitsLink,   // a restoration task holds the pool lock and is about to take the link lock
   kDisconnectAwaitsPool,  // Disconnect found the layer ready and is about to take the pool lock
+  kTeardownBegins,        // a client's destructor begins (the destroying thread)
   kAttemptStarts,         // a connect attempt begins (its library thread, link lock held)
   kThreadStarts,          // a library thread is about to be started; a hook that throws makes the start fail
   kReplayHandedOver,      // the readiness handler handed the replay to a library thread (main-loop thread, pool lock held)
