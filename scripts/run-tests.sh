@@ -3,6 +3,8 @@
 # (CMakePresets.json): plain RelWithDebInfo, ASan+UBSan and TSan, each in
 # build/<name>. Every configuration runs even when an earlier one failed; the
 # exit status is non-zero when any of them (or the fuzz smoke run) failed.
+# The fuzz smoke run belongs to the full run only: naming a configuration or
+# passing ctest a test selection (-R, -E, -L, ...) skips it.
 #
 #   scripts/run-tests.sh [plain] [asan] [tsan] [-- <extra ctest arguments>]
 #
@@ -10,16 +12,26 @@
 # ZORVEL_BUILD_JOBS  compile jobs (default: the number of cores)
 set -uo pipefail
 
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 configs=()
 ctest_extra=()
+selected=0 # a configuration or a ctest test selection was given
 while (($# > 0)); do
   case "$1" in
-    plain | asan | tsan) configs+=("$1") ;;
+    plain | asan | tsan)
+      configs+=("$1")
+      selected=1
+      ;;
     --)
       shift
       ctest_extra=("$@")
+      for arg in "$@"; do
+        case "${arg}" in
+          -R* | -E* | -L* | -I* | -U | --tests-regex* | --exclude-regex* | --label-regex* | --label-exclude* | \
+            --tests-information* | --tests-from-file* | --exclude-from-file* | --rerun-failed) selected=1 ;;
+        esac
+      done
       break
       ;;
     -h | --help)
@@ -105,10 +117,13 @@ done
 
 # --- Fuzz smoke tests --------------------------------------------------------
 # scripts/fuzz-smoke.sh builds the fuzz/ targets with clang and runs each one
-# briefly on its corpus; skipped when clang or the script is not there.
+# briefly on its corpus; skipped when clang or the script is not there, and
+# when only part of the suite was asked for.
 fuzz_result="skipped"
 fuzz_elapsed=0
-if [[ -x scripts/fuzz-smoke.sh ]] && command -v clang++ >/dev/null 2>&1; then
+if ((selected)); then
+  fuzz_result="skipped (partial)"
+elif [[ -x scripts/fuzz-smoke.sh ]] && command -v clang++ >/dev/null 2>&1; then
   echo
   echo "=== fuzz: smoke"
   start=${SECONDS}

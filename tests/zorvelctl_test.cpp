@@ -1,7 +1,9 @@
 // zorvelctl as its users run it: a child process on the private bus, judged
 // by its exit code and its --json output.
 
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <sstream>
@@ -41,6 +43,49 @@ Outcome Zorvelctl(const std::vector<std::string>& arguments, const char* bus = n
   Outcome run{-1, out != nullptr ? out : "", err != nullptr ? err : ""};
   EXPECT_TRUE(WIFEXITED(status)) << "zorvelctl did not exit normally: " << run.err;
   run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+// zorvelctl running in the background, for a test that signals it.
+struct Child {
+  GPid pid = 0;
+  int out = -1, err = -1;
+};
+
+Child StartZorvelctl(const std::vector<std::string>& arguments) {
+  BusAddress();  // exports DBUS_SYSTEM_BUS_ADDRESS, which the child inherits
+  std::vector<char*> argv{const_cast<char*>(ZORVELCTL_PATH)};
+  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  Child child;
+  GError* rawError = nullptr;
+  const bool spawned = g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
+                                                nullptr, &child.pid, nullptr, &child.out, &child.err, &rawError);
+  common::GErrorPtr error(rawError);
+  EXPECT_TRUE(spawned) << (error ? error->message : "");
+  return child;
+}
+
+std::string ReadAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  for (ssize_t got; (got = read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<std::size_t>(got));
+  close(fd);
+  return text;
+}
+
+// Waits up to `deadline` for `child` to exit (then kills it) and reads what it
+// wrote: a few lines, which the pipes hold until then.
+Outcome Reap(const Child& child, std::chrono::milliseconds deadline) {
+  int status = 0;
+  const bool exited = WaitUntil([&] { return waitpid(child.pid, &status, WNOHANG) == child.pid; }, deadline);
+  if (!exited) {
+    kill(child.pid, SIGKILL);
+    waitpid(child.pid, &status, 0);
+  }
+  Outcome run{-1, ReadAll(child.out), ReadAll(child.err)};
+  EXPECT_TRUE(exited) << "zorvelctl did not end within " << deadline.count() << " ms: " << run.out << run.err;
+  if (exited && WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
   return run;
 }
 
@@ -120,7 +165,71 @@ TEST_F(ZorvelctlTest, CommandsExitOneOnARefusalOrAnError) {
   EXPECT_TRUE(Has(stopRefused.out, R"("answer":-5)")) << stopRefused.out;
 }
 
+TEST_F(ZorvelctlTest, SigintEndsAStopTheDaemonNeverAnswersAtOnce) {
+  control().SetNoReply("deinit");
+  const Child child = StartZorvelctl({"--json", "stop"});
+  ASSERT_TRUE(control().WaitForCall("deinit")) << "zorvelctl never called deinit";
+  ASSERT_EQ(kill(child.pid, SIGINT), 0);
+  // The call itself would wait 25 s for its answer.
+  const Outcome run = Reap(child, std::chrono::seconds(8));
+  EXPECT_EQ(run.exitCode, 130) << run.out << run.err;
+  const std::vector<std::string> lines = Lines(run.out);
+  ASSERT_EQ(lines.size(), 1u) << run.out;
+  EXPECT_EQ(lines[0].rfind(R"({"event":"summary","command":"stop","result":"interrupted","exit_code":130,)", 0), 0u)
+      << lines[0];
+  EXPECT_TRUE(Has(lines[0], "deinit()")) << lines[0];
+}
+
+TEST_F(ZorvelctlTest, DoubleDashEndsTheOptionsAndJsonCoversUsageErrors) {
+  control().SetProfiles({{-1, "Minus one"}});
+  const Outcome deleted = Zorvelctl({"--json", "delete", "--", "-1"});
+  EXPECT_EQ(deleted.exitCode, 0) << deleted.out << deleted.err;
+  EXPECT_TRUE(Has(deleted.out, R"("id":-1,"answer":0)")) << deleted.out;
+  const Outcome notAnId = Zorvelctl({"delete", "--", "--json"});  // an argument, not the option
+  EXPECT_EQ(notAnId.exitCode, 2) << notAnId.out;
+  EXPECT_TRUE(notAnId.out.empty() && Has(notAnId.err, "'--json' is not an ID")) << notAnId.out << notAnId.err;
+
+  // --json anywhere among the options: the usage error is one summary object on stdout.
+  for (const char* line : {"--json --bogus monitor", "--bogus --json monitor", "--json frobnicate"}) {
+    const Outcome run = Zorvelctl(Split(line));
+    EXPECT_EQ(run.exitCode, 2) << line;
+    EXPECT_TRUE(run.err.empty()) << line << ": " << run.err;
+    const std::vector<std::string> lines = Lines(run.out);
+    ASSERT_EQ(lines.size(), 1u) << line << ": " << run.out;
+    EXPECT_EQ(lines[0].rfind(R"({"event":"summary","command":)", 0), 0u) << lines[0];
+    EXPECT_TRUE(Has(lines[0], R"("result":"usage","exit_code":2,"message":)")) << lines[0];
+  }
+
+  // --timeout takes what --help states, 0 to 999999999 in plain decimal, and nothing else.
+  const Outcome help = Zorvelctl({"--help"});
+  EXPECT_TRUE(Has(help.out, "from 0 to 999999999")) << help.out;
+  for (const char* timeout : {"999999999", "0", "10.25", "10.", ".5"}) {  // .5 s may be too short to connect
+    const Outcome run = Zorvelctl({"--timeout", timeout, "profiles"});
+    EXPECT_NE(run.exitCode, 2) << timeout << ": " << run.err;
+  }
+  for (const char* timeout : {"1000000000", "999999999.5", "1e3", "0x10", "nan", "+5", " 5", "", "."}) {
+    const Outcome run = Zorvelctl({"--timeout", timeout, "profiles"});
+    EXPECT_EQ(run.exitCode, 2) << "'" << timeout << "'";
+  }
+}
+
+TEST_F(ZorvelctlTest, SimTellsAnIdOutOfRangeFromOneNotDecimal) {
+  for (const auto& [option, verdict] : std::vector<std::pair<std::string, std::string>>{
+           {"99999999999:x", "out of range"}, {"2147483648:x", "out of range"}, {"12a:x", "decimal ID"}}) {
+    for (const char* flag : {"-p", "-i"}) {
+      const Outcome run = Zorvelctl({flag, option}, nullptr, ZORVEL_SIM_PATH);
+      EXPECT_EQ(run.exitCode, 2) << flag << " " << option;
+      EXPECT_TRUE(Has(run.err, verdict) && Has(run.err, option)) << flag << " " << option << ": " << run.err;
+    }
+  }
+}
+
 TEST_F(ZorvelctlTest, ExitsThreeWithoutADaemonAndTwoOnUsageErrors) {
+  // A timeout too short to hear from the bus is reported as such: the daemon's name has an owner.
+  const Outcome hurried = Zorvelctl({"--json", "--timeout", "0.000001", "profiles"});
+  EXPECT_NE(hurried.exitCode, 0) << hurried.out;
+  EXPECT_FALSE(Has(hurried.out, "had no owner")) << hurried.out;
+
   control().ReleaseName();
   for (const char* command : {"profiles", "connect", "stop"}) {
     std::vector<std::string> arguments{"--json", "--timeout", "0.5", command};

@@ -82,25 +82,30 @@ constexpr char kDescription[] =
     "Exit status: 0 after SIGINT, SIGTERM, Quit or the loss of the bus;\n"
     "1 when the bus or the names cannot be had; 2 for bad options.";
 
-// "ID:NAME", NAME being any bytes (it may hold ':' too).
-bool ParseEntry(const char* text, SessionProfile& entry) {
+// "ID:NAME", NAME being any bytes (it may hold ':' too). Returns what is
+// wrong with `text`, "" when `entry` is filled.
+std::string ParseEntry(const char* text, SessionProfile& entry) {
   const char* colon = std::strchr(text, ':');
-  if (colon == nullptr || colon == text) return false;
+  if (colon == nullptr || colon == text) return "expects ID:NAME with a decimal ID";
   const std::string id(text, colon);
   char* end = nullptr;
   errno = 0;
   const long value = std::strtol(id.c_str(), &end, 10);
-  if (errno != 0 || *end != '\0' || value < G_MININT32 || value > G_MAXINT32) return false;
+  if (*end != '\0') return "expects ID:NAME with a decimal ID";
+  // strtol clamps what does not fit a long and says so in errno.
+  if (errno == ERANGE || value < G_MININT32 || value > G_MAXINT32) {
+    return "has an ID out of range (" + std::to_string(G_MININT32) + " to " + std::to_string(G_MAXINT32) + ")";
+  }
   entry.id = static_cast<int>(value);
   entry.name = colon + 1;
-  return true;
+  return "";
 }
 
 bool ParseEntries(gchar** texts, const char* option, std::vector<SessionProfile>& entries) {
   for (gchar** text = texts; text != nullptr && *text != nullptr; ++text) {
     SessionProfile entry;
-    if (!ParseEntry(*text, entry)) {
-      std::fprintf(stderr, "zorvel-sim: %s expects ID:NAME with a decimal ID, not '%s'\n", option, *text);
+    if (const std::string problem = ParseEntry(*text, entry); !problem.empty()) {
+      std::fprintf(stderr, "zorvel-sim: %s %s: '%s'\n", option, problem.c_str(), *text);
       return false;
     }
     entries.push_back(std::move(entry));

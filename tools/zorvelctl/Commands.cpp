@@ -119,7 +119,7 @@ int RunBroadcast(Session& session, Launcher& launcher) {
   }
 
   CommandId stop = 0;
-  launcher.StopBroadcast(&stop);
+  session.Calling(Subject(kMethodStopBroadcast, std::nullopt), [&] { launcher.StopBroadcast(&stop); });
   const std::size_t instances = session.Snapshot().instances.size();
   Event stopped = Event("summary").Int("instances", static_cast<std::int64_t>(instances));
   const std::string found = std::to_string(instances) + (instances == 1 ? " instance" : " instances") + " found";
@@ -198,7 +198,9 @@ int RunDelete(Session& session, Launcher& launcher) {
 int RunStop(Session& session, Launcher& launcher) {
   for (;;) {
     CommandId command = 0;
-    launcher.Stop(&command);
+    // The call waits for the daemon's answer (up to 25 s); an interrupt
+    // ends the run meanwhile.
+    session.Calling(Subject(kMethodDeinit, std::nullopt), [&] { launcher.Stop(&command); });
     Event summary("summary");
     const std::optional<CommandOutcome> outcome = session.AwaitOutcome(command);  // it came during the call
     if (!outcome) return NoOutcome(session, std::move(summary), Subject(kMethodDeinit, std::nullopt), command);

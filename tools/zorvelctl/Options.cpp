@@ -1,10 +1,13 @@
 #include "Options.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <set>
 #include <vector>
+
+#include <glib.h>
 
 namespace zorvelctl {
 
@@ -12,7 +15,7 @@ const char kUsage[] = R"(NAME
     zorvelctl - drive and watch the zorvel daemon through libzorvel
 
 SYNOPSIS
-    zorvelctl [--timeout SECONDS] [--verbose] [--json] COMMAND [ARGUMENTS]
+    zorvelctl [--timeout SECONDS] [--verbose] [--json] [--] COMMAND [ARGUMENTS]
     zorvelctl --help
     zorvelctl --version
 
@@ -39,7 +42,7 @@ COMMANDS
     broadcast [--online-check]
         Start a broadcast and print each instance found (each id and name
         once) until the timeout (default 3 s) or SIGINT/SIGTERM, then stop the
-        broadcast and print the daemon's answer. Ends at once when the daemon
+        broadcast (waiting up to 500 ms) and print the daemon's answer. Ends at once when the daemon
         refuses to start it. Note that after a stopped broadcast the library
         holds further commands until the daemon restarts; every zorvelctl run
         starts afresh.
@@ -61,7 +64,7 @@ COMMANDS
         Tell the daemon to deinitialise (Launcher::Stop) once the library is
         connected, and print the daemon's answer (default timeout 10 s).
         The call itself waits for the answer up to the D-Bus default of 25 s,
-        whatever the timeout.
+        whatever the timeout; SIGINT or SIGTERM ends that wait at once.
     monitor
         Print every callback as it arrives, and every change of the daemon's
         bus name owner, until SIGINT/SIGTERM or the timeout (default: none).
@@ -71,8 +74,9 @@ COMMANDS
 OPTIONS
     --timeout SECONDS
         The longest the command runs in total, waiting for the daemon
-        included (fractions allowed; 0 means no limit). SIGINT or SIGTERM
-        ends it early in the same way; a second one ends it at once.
+        included. SECONDS is a plain decimal number from 0 to 999999999:
+        digits with an optional decimal point (10, 2.5, 0.25); 0 means no
+        limit.
     --online-check
         broadcast: start the broadcast with the online check.
     -v, --verbose
@@ -81,8 +85,14 @@ OPTIONS
         One JSON object per line: {"event":"instance-found","id":101,
         "name":"Kitchen speaker"}, ..., then {"event":"summary",...,
         "answer":N (the daemon's answer),"error":NAME (a D-Bus error),
-        "command":...,"result":"ok"|"failed"|"unreachable","exit_code":N,
-        "message":...}. "answer" and "error" appear when there is one.
+        "command":...,"result":"ok"|"failed"|"unreachable"|"interrupted",
+        "exit_code":N,"message":...}. "answer" and "error" appear when there
+        is one. A usage error is then a summary object on stdout too, with
+        "result":"usage" and "exit_code":2.
+    --
+        Ends the options: what follows is the command and its arguments,
+        even when it starts with "-" (zorvelctl delete -- -1; a negative ID
+        is also taken without it).
     -h, --help
         Print this text and exit.
     --version
@@ -94,11 +104,17 @@ EXIT STATUS
         connection available).
     1   The daemon refused (answered non-zero) or answered with a D-Bus
         error, the library did not send the command, or an expected event
-        did not come before the timeout (or before SIGINT/SIGTERM).
+        did not come before the timeout.
     2   Usage error.
     3   The daemon could not be reached within the timeout: the bus is not
-        reachable, zorvel.dbus.service has no owner, or the library did not
-        connect to it (a held command did not end).
+        reachable, zorvel.dbus.service has no owner (or the bus did not say
+        whether it has one in time), or the library did not connect to it
+        (a held command did not end).
+    130, 143
+        SIGINT (130) or SIGTERM (143) ended the command: at once, with its
+        summary line as for any other ending, also while a call waits for
+        a daemon that does not answer. A command that had ended already
+        keeps its own exit status.
 
 ENVIRONMENT
     DBUS_SYSTEM_BUS_ADDRESS
@@ -114,27 +130,80 @@ EXAMPLES
 
 namespace {
 
+// Plain decimal only ("2", "0.5", "5.", ".5"), which is what --help states;
+// strtod alone would also take " 2", "+2", "1e3", "0x10" and "nan".
 bool ParseSeconds(const char* text, double& value) {
-  char* end = nullptr;
-  value = std::strtod(text, &end);
-  return *text != '\0' && *end == '\0' && value >= 0 && value < 1e9;
+  const std::string digits = "0123456789";
+  const std::string number = text;
+  const std::size_t point = number.find('.');
+  const std::string whole = number.substr(0, point);
+  const std::string fraction = point == std::string::npos ? "" : number.substr(point + 1);
+  if (whole.empty() && fraction.empty()) return false;
+  if (whole.find_first_not_of(digits) != std::string::npos) return false;
+  if (fraction.find_first_not_of(digits) != std::string::npos) return false;
+  value = g_ascii_strtod(text, nullptr);  // the C locale's decimal point, whatever the user's locale
+  return value <= kMaxTimeout;
 }
 
-bool ParseId(const std::string& text, int& id) {
+std::string ParseId(const std::string& text, int& id) {
   char* end = nullptr;
+  errno = 0;
   const long value = std::strtol(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || value < INT32_MIN || value > INT32_MAX) return false;
+  if (text.empty() || *end != '\0') return "'" + text + "' is not an ID (a decimal number)";
+  if (errno == ERANGE || value < INT32_MIN || value > INT32_MAX) {
+    return "ID '" + text + "' is out of range (" + std::to_string(INT32_MIN) + " to " + std::to_string(INT32_MAX) + ")";
+  }
   id = static_cast<int>(value);
-  return true;
+  return "";
+}
+
+// The command and its ID, once the options are read.
+std::string ParseCommand(const std::vector<std::string>& positional, Options& options) {
+  if (positional.empty()) return "no command given";
+  options.command = positional[0];
+  const std::set<std::string> withId{"connect", "delete"};
+  const std::set<std::string> withoutId{"broadcast", "profiles", "stop", "monitor"};
+  if (withId.count(options.command) != 0) {
+    if (positional.size() != 2) return options.command + " needs one ID";
+    return ParseId(positional[1], options.id);
+  }
+  if (withoutId.count(options.command) != 0) {
+    return positional.size() == 1 ? "" : options.command + " takes no argument";
+  }
+  return "unknown command '" + options.command + "'";
 }
 
 }  // namespace
 
+const char* ResultName(int code) {
+  switch (code) {
+    case kExitOk:
+      return "ok";
+    case kExitUsage:
+      return "usage";
+    case kExitUnreachable:
+      return "unreachable";
+    case kExitFailed:
+      return "failed";
+    default:
+      return "interrupted";
+  }
+}
+
 std::string ParseOptions(int argc, char** argv, Options& options) {
   std::vector<std::string> positional;
+  std::string error;  // the first one
+  auto fail = [&error](const std::string& message) {
+    if (error.empty()) error = message;
+  };
+  bool optionsEnded = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg == "-h" || arg == "--help") {
+    if (optionsEnded) {
+      positional.push_back(arg);
+    } else if (arg == "--") {
+      optionsEnded = true;
+    } else if (arg == "-h" || arg == "--help") {
       options.help = true;
     } else if (arg == "--version") {
       options.version = true;
@@ -147,27 +216,23 @@ std::string ParseOptions(int argc, char** argv, Options& options) {
     } else if (arg == "--timeout" || arg.rfind("--timeout=", 0) == 0) {
       const char* value = arg == "--timeout" ? (i + 1 < argc ? argv[++i] : nullptr) : argv[i] + 10;
       double seconds = 0;
-      if (value == nullptr || !ParseSeconds(value, seconds)) return "--timeout needs a number of seconds";
-      options.timeout = seconds;
+      if (value != nullptr && ParseSeconds(value, seconds)) {
+        options.timeout = seconds;
+      } else {
+        fail("--timeout needs a number of seconds from 0 to 999999999 (digits, with an optional fraction)");
+      }
     } else if (arg.size() > 1 && arg[0] == '-' && !std::isdigit(static_cast<unsigned char>(arg[1]))) {
-      return "unknown option '" + arg + "'";  // a negative ID is no option
+      fail("unknown option '" + arg + "'");  // a negative ID is no option
     } else {
       positional.push_back(arg);
     }
   }
   if (options.help || options.version) return "";
-  if (positional.empty()) return "no command given";
-  options.command = positional[0];
-  const std::set<std::string> withId{"connect", "delete"};
-  const std::set<std::string> withoutId{"broadcast", "profiles", "stop", "monitor"};
-  if (withId.count(options.command) != 0) {
-    if (positional.size() != 2) return options.command + " needs one ID";
-    if (!ParseId(positional[1], options.id)) return "'" + positional[1] + "' is not an ID";
-  } else if (withoutId.count(options.command) != 0) {
-    if (positional.size() != 1) return options.command + " takes no argument";
-  } else {
-    return "unknown command '" + options.command + "'";
+  if (!error.empty()) {
+    if (!positional.empty()) options.command = positional[0];  // for the JSON summary
+    return error;
   }
+  if (const std::string problem = ParseCommand(positional, options); !problem.empty()) return problem;
   if (options.onlineCheck && options.command != "broadcast") return "--online-check belongs to broadcast";
   if (!options.timeout) options.timeout = options.command == "monitor" ? 0 : options.command == "broadcast" ? 3 : 10;
   return "";

@@ -18,6 +18,26 @@ namespace {
 
 using zv_client::dbus::client::kBusName;
 
+using zv_client::common::GCharPtr;
+using zv_client::common::GErrorPtr;
+using zv_client::common::GObjectPtr;
+
+// How long the worker has to end a command after the first SIGINT/SIGTERM;
+// more than StopBroadcast's own 500 ms wait, which a broadcast still does.
+constexpr std::chrono::milliseconds kInterruptGrace(1000);
+
+// Ends the process once the summary is out, skipping the Launcher's
+// destructor and every static destructor. After an interrupt they may wait:
+// the destructor for commands in flight (a grace period, then their
+// cancellation) and for a Stop the daemon never answers. The user asked for
+// an end, not a tidy teardown; the daemon sees the connection close either
+// way. Output is flushed first, since _Exit does not.
+[[noreturn]] void ExitNow(int code) {
+  std::fflush(stdout);
+  std::fflush(stderr);
+  std::_Exit(code);
+}
+
 gboolean QuitLoop(gpointer loop) {
   g_main_loop_quit(static_cast<GMainLoop*>(loop));
   return G_SOURCE_REMOVE;
@@ -39,45 +59,58 @@ int Session::Run(Plan plan) {
     deadline_ =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*options_.timeout));
   }
+  GObjectPtr<GDBusConnection> bus;
+  if (const std::string problem = OpenBus(bus); !bus) {
+    return Finish(Event("summary"), kExitUnreachable,
+                  "the system bus at " + address_ + " is not reachable (set DBUS_SYSTEM_BUS_ADDRESS): " + problem);
+  }
+  // Without --verbose the library's lines go to the system log, as they do
+  // for any application.
+  if (options_.verbose) zv_client::platform::SetLogSink(PrintLogLine);
+  const int code = RunLoop(bus.get());
+  if (options_.verbose) zv_client::platform::SetLogSink({});
+  return code;
+}
 
-  // zorvelctl's own connection to the bus, to tell "no bus" and "no daemon"
-  // from "no event" without touching the library's connection.
-  using zv_client::common::GCharPtr;
-  using zv_client::common::GErrorPtr;
-  using zv_client::common::GObjectPtr;
+// zorvelctl's own connection to the bus, to tell "no bus" and "no daemon"
+// from "no event" without touching the library's connection. Returns what
+// went wrong when `bus` stays empty.
+std::string Session::OpenBus(GObjectPtr<GDBusConnection>& bus) {
   // The address GLib itself would use: the one named in any message.
   GError* rawError = nullptr;
   GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &rawError));
-  GObjectPtr<GDBusConnection> bus;
   if (address) {
     address_ = address.get();
     bus = zv_client::common::OpenPrivateBusConnection(address_, &rawError);
   }
-  GErrorPtr busError(rawError);
-  if (!bus) {
-    return Finish(Event("summary"), kExitUnreachable,
-                  "the system bus at " + address_ + " is not reachable (set DBUS_SYSTEM_BUS_ADDRESS): " +
-                      (busError ? busError->message : "unknown error"));
-  }
+  GErrorPtr error(rawError);
+  return error ? error->message : "unknown error";
+}
 
-  // Without --verbose the library's lines go to the system log, as they do
-  // for any application.
-  if (options_.verbose) zv_client::platform::SetLogSink(PrintLogLine);
-
+// Runs the main loop while the worker runs the command; returns its exit code.
+int Session::RunLoop(GDBusConnection* bus) {
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
   const guint watch = g_bus_watch_name_on_connection(
-      bus.get(), kBusName.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+      bus, kBusName.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
       [](GDBusConnection*, const gchar*, const gchar* owner, gpointer self) {
         static_cast<Session*>(self)->OnOwner(owner);
       },
       [](GDBusConnection*, const gchar*, gpointer self) { static_cast<Session*>(self)->OnOwner(nullptr); }, this,
       nullptr);
-  auto onSignal = [](gpointer self) {
-    static_cast<Session*>(self)->OnSignal();
-    return gboolean{G_SOURCE_CONTINUE};
-  };
-  const guint onInt = g_unix_signal_add(SIGINT, onSignal, this);
-  const guint onTerm = g_unix_signal_add(SIGTERM, onSignal, this);
+  const guint onInt = g_unix_signal_add(
+      SIGINT,
+      [](gpointer self) {
+        static_cast<Session*>(self)->OnSignal(SIGINT);
+        return gboolean{G_SOURCE_CONTINUE};
+      },
+      this);
+  const guint onTerm = g_unix_signal_add(
+      SIGTERM,
+      [](gpointer self) {
+        static_cast<Session*>(self)->OnSignal(SIGTERM);
+        return gboolean{G_SOURCE_CONTINUE};
+      },
+      this);
 
   int code = kExitFailed;
   std::thread worker([&] {
@@ -85,6 +118,9 @@ int Session::Run(Plan plan) {
       // Destroyed before the loop quits: its teardown may still need it.
       Launcher launcher;
       code = Work(launcher);
+      // The summary is out; an interrupted run does not wait for the
+      // Launcher's teardown (see ExitNow).
+      if (interrupted_) ExitNow(code);
     }
     // Quit from inside the loop: a quit before g_main_loop_run would be lost.
     g_idle_add(QuitLoop, loop);
@@ -95,15 +131,22 @@ int Session::Run(Plan plan) {
   g_source_remove(onInt);
   g_source_remove(onTerm);
   g_bus_unwatch_name(watch);
-  if (options_.verbose) zv_client::platform::SetLogSink({});
   g_main_loop_unref(loop);
   return code;
 }
 
 int Session::Work(Launcher& launcher) {
-  if (plan_.waitForDaemon && !Wait([](const Reports& reports) { return !reports.owner.empty(); })) {
+  bool ownerKnown = false;
+  if (plan_.waitForDaemon && !Wait([&ownerKnown](const Reports& reports) {
+        ownerKnown = reports.ownerKnown;
+        return !reports.owner.empty();
+      })) {
+    // Until the name watch has reported, nothing is known about an owner: a
+    // short timeout can end the wait before the bus has answered.
     return Finish(Event("summary"), kExitUnreachable,
-                  kBusName + " had no owner on the system bus at " + address_ + " " + TimeoutText());
+                  ownerKnown ? kBusName + " had no owner on the system bus at " + address_ + " " + TimeoutText()
+                             : "the system bus at " + address_ + " did not tell whether " + kBusName +
+                                   " has an owner " + TimeoutText());
   }
   Attach(launcher);
   if (launcher.Init() != 0) return Finish(Event("summary"), kExitFailed, "the library's Init failed");
@@ -155,19 +198,52 @@ void Session::OnOutcome(const CommandOutcome& outcome) {
 void Session::OnOwner(const char* owner) {
   Record([&](Reports& reports) {
     reports.owner = owner != nullptr ? owner : "";
+    reports.ownerKnown = true;
     if (plan_.showOwner) printer_.Print(Event("daemon-owner").Text("owner", reports.owner));
   });
 }
 
-void Session::OnSignal() {
-  // The first signal ends the command as its timeout would; a second one
-  // ends the process at once (e.g. during a Stop the daemon does not answer).
-  if (interrupted_) std::_Exit(kExitFailed);
+// On the main-loop thread. The first signal wakes the worker, which ends the
+// command as its timeout would, but with the signal's exit status; the
+// worker is given kInterruptGrace for that. A second signal, a worker
+// inside a call that waits for the daemon, or one whose summary is out
+// already (it is tearing the Launcher down) end the process at once.
+void Session::OnSignal(int signal) {
+  bool now = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    interrupted_ = true;
+    now = interrupted_ || finished_ || !calling_.empty();
+    if (!interrupted_) {
+      signal_ = signal;
+      interrupted_ = true;
+    }
   }
+  if (now) Abandon();
   changed_.notify_all();
+  g_timeout_add(
+      static_cast<guint>(kInterruptGrace.count()),
+      [](gpointer self) -> gboolean { static_cast<Session*>(self)->Abandon(); }, this);
+}
+
+void Session::Abandon() {
+  // Held until the process ends: nothing is printed after the summary.
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!finished_) {
+    const std::string message =
+        calling_.empty() ? "interrupted" : "interrupted while " + calling_ + " waited for the daemon's answer";
+    PrintSummary(Event("summary"), InterruptedExit(signal_), message);
+  }
+  ExitNow(code_);
+}
+
+void Session::Calling(const std::string& subject, const std::function<void()>& call) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    calling_ = subject;
+  }
+  call();
+  std::lock_guard<std::mutex> lock(mutex_);
+  calling_.clear();
 }
 
 // Once the summary is out the run is over: nothing is recorded or printed.
@@ -216,12 +292,18 @@ std::string Session::TimeoutText() const {
 }
 
 int Session::Finish(Event summary, int code, const std::string& message) {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    finished_ = true;
-  }
-  const char* result = code == kExitOk ? "ok" : code == kExitUnreachable ? "unreachable" : "failed";
-  summary.Text("command", options_.command).Text("result", result).Int("exit_code", code);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!interrupted_) return PrintSummary(std::move(summary), code, message);
+  // The command ended because of the signal (or just as it came): it is
+  // reported as interrupted, whatever the command made of its ending.
+  return PrintSummary(std::move(summary), InterruptedExit(signal_),
+                      code == kExitOk ? "interrupted: " + message : message);
+}
+
+int Session::PrintSummary(Event summary, int code, const std::string& message) {
+  finished_ = true;
+  code_ = code;
+  summary.Text("command", options_.command).Text("result", ResultName(code)).Int("exit_code", code);
   printer_.Summary(std::move(summary), code != kExitOk, message);
   return code;
 }

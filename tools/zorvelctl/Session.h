@@ -13,6 +13,12 @@
 // threads or, for the outcomes of Stop, StopBroadcast and of commands not
 // started, on the worker itself inside the call; they only record, print
 // and notify.
+//
+// Interrupts: SIGINT and SIGTERM come to the main loop (g_unix_signal_add, so
+// nothing runs in a signal handler). The worker, waiting in Wait, wakes and
+// ends the command with its own summary. When it cannot wake, because it is
+// inside a Launcher call that waits for the daemon (Calling), or it is slow
+// to end, the main thread prints the summary and ends the process itself.
 
 #include <atomic>
 #include <chrono>
@@ -27,6 +33,9 @@
 #include <utility>
 #include <vector>
 
+#include <gio/gio.h>
+
+#include <common/GLibPtr.h>
 #include <zorvel/Launcher.h>
 
 #include "Options.h"
@@ -42,6 +51,7 @@ using zv_client::zorvel::Launcher;
 // What the bus watch and the Launcher's callbacks reported so far.
 struct Reports {
   std::string owner;                                // of the daemon's name, "" while it has none
+  bool ownerKnown = false;                          // the name watch has reported at least once
   std::set<std::pair<int, std::string>> instances;  // distinct (id, name) found
   std::vector<std::pair<int, bool>> connections;    // (id, available)
   std::vector<int> cancellations;                   // statuses
@@ -83,22 +93,31 @@ class Session {
   // Waits for the final outcome of `command`; none when the deadline or an
   // interrupt came first.
   std::optional<CommandOutcome> AwaitOutcome(CommandId command);
+  // Runs `call`, a Launcher call that waits for the daemon's answer (Stop,
+  // StopBroadcast), named `subject` in messages: an interrupt meanwhile ends
+  // the run at once instead of after the call.
+  void Calling(const std::string& subject, const std::function<void()>& call);
   Reports Snapshot();
   bool Expired() const { return interrupted_ || Clock::now() >= deadline_; }
   // "within 3 s", or "before the interrupt".
   std::string TimeoutText() const;
 
-  // The end of a run: prints the summary, the last line, and gives `code`.
-  // Events that still come are not printed.
+  // The end of a run: prints the summary, the last line, and gives `code`
+  // (after an interrupt, the signal's exit status instead). Events that still
+  // come are not printed.
   int Finish(Event summary, int code, const std::string& message);
 
  private:
+  std::string OpenBus(zv_client::common::GObjectPtr<GDBusConnection>& bus);
+  int RunLoop(GDBusConnection* bus);
   int Work(Launcher& launcher);
   void Attach(Launcher& launcher);
   void Record(const std::function<void(Reports&)>& update);
   void OnOutcome(const CommandOutcome& outcome);
   void OnOwner(const char* owner);
-  void OnSignal();
+  void OnSignal(int signal);
+  [[noreturn]] void Abandon();
+  int PrintSummary(Event summary, int code, const std::string& message);  // with mutex_ held
 
   const Options& options_;
   Printer& printer_;
@@ -111,9 +130,12 @@ class Session {
   // lock nests inside it.
   std::mutex mutex_;
   std::condition_variable changed_;
-  Reports reports_;        // guarded by mutex_
-  bool finished_ = false;  // guarded by mutex_: the summary is out, print nothing more
-  std::atomic<bool> interrupted_{false};
+  Reports reports_;                       // guarded by mutex_
+  bool finished_ = false;                 // guarded by mutex_: the summary is out, print nothing more
+  int code_ = kExitFailed;                // guarded by mutex_: the exit status in the summary
+  std::string calling_;                   // guarded by mutex_: the subject of the Launcher call in progress (Calling)
+  int signal_ = 0;                        // guarded by mutex_: the first SIGINT or SIGTERM
+  std::atomic<bool> interrupted_{false};  // set under mutex_
 };
 
 }  // namespace zorvelctl

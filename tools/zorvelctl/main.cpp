@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include <zorvel/Version.h>
 
@@ -28,11 +29,18 @@ int main(int argc, char** argv) {
     std::printf("zorvelctl %s\n", zv_client::zorvel::Version());
     return kExitOk;
   }
+  Printer printer(options.json);
   if (!error.empty()) {
-    std::fprintf(stderr, "zorvelctl: %s\nTry 'zorvelctl --help' for more information.\n", error.c_str());
+    if (options.json) {
+      // Scripts reading --json get every ending as one summary object on stdout.
+      Event summary("summary");
+      summary.Text("command", options.command).Text("result", ResultName(kExitUsage)).Int("exit_code", kExitUsage);
+      printer.Summary(std::move(summary), true, error);
+    } else {
+      std::fprintf(stderr, "zorvelctl: %s\nTry 'zorvelctl --help' for more information.\n", error.c_str());
+    }
     return kExitUsage;
   }
-  Printer printer(options.json);
   Session session(options, printer);
   return session.Run(PlanFor(options));
 }
