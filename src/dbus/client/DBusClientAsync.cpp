@@ -319,6 +319,9 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
   self.ResetTimer(true);
   self.ready_ = isReady;
   if (isReady) {
+    // A loss is always followed by "connecting", whichever of the watcher's
+    // report and the attempt that launched it gets here first.
+    self.ReportLink(LinkState::kConnecting, "the daemon's name has an owner: connecting", {}, {}, true);
     self.ReportLink(LinkState::kReady, "the daemon is ready");
   } else {
     self.ReportLink(LinkState::kWaitingForDaemon, "the daemon's name " + kBusName + " vanished: waiting for a new owner");
