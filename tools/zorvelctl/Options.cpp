@@ -28,8 +28,10 @@ DESCRIPTION
     --json one JSON object per line, followed by a summary object.
 
     The library holds a command until it is connected to the daemon, which
-    takes about half a second after start: a command-held line says so, and
-    zorvelctl waits for the command's end. The library does not tell when it
+    takes about half a second after start: a command-held line says so, with
+    why (the library's link state: connecting, waiting for the daemon's name
+    to have an owner, the bus unreachable, or held after a stopped broadcast
+    until the daemon restarts), and zorvelctl waits for the command's end. The library does not tell when it
     sends a held command on, so one that has not ended by the timeout counts
     as the daemon not reached (exit status 3).
 
@@ -66,8 +68,9 @@ COMMANDS
         The call itself waits for the answer up to the D-Bus default of 25 s,
         whatever the timeout; SIGINT or SIGTERM ends that wait at once.
     monitor
-        Print every callback as it arrives, and every change of the daemon's
-        bus name owner, until SIGINT/SIGTERM or the timeout (default: none).
+        Print every callback as it arrives, every change of the daemon's bus
+        name owner and of the library's link state (link-state lines: state
+        and reason), until SIGINT/SIGTERM or the timeout (default: none).
         Issues no command. Across a restart of the daemon the library finds
         the new instance by itself, and its events keep coming.
 

@@ -178,6 +178,16 @@ void Session::Attach(Launcher& launcher) {
     });
   });
   launcher.SetOnCommandOutcome([this](const CommandOutcome& outcome) { OnOutcome(outcome); });
+  launcher.SetOnLinkState([this](const zv_client::zorvel::LinkStatus& status) {
+    Record([&](Reports& reports) {
+      reports.link = status;
+      if (!plan_.showOwner) return;
+      Event link("link-state");
+      link.Text("state", zv_client::zorvel::LinkStateName(status.state)).Text("reason", status.text);
+      if (!status.busAddress.empty()) link.Text("bus", status.busAddress);
+      printer_.Print(link);
+    });
+  });
 }
 
 void Session::OnOutcome(const CommandOutcome& outcome) {
@@ -191,6 +201,9 @@ void Session::OnOutcome(const CommandOutcome& outcome) {
     Event held("command-held");
     held.Text("method", outcome.method);
     if (outcome.argument) held.Int("argument", *outcome.argument);
+    // Why: the link as last told (the first state may still be on its way
+    // to the main loop when a command issued at once is held).
+    held.Text("why", reports.link ? reports.link->text : "the library is connecting to the daemon");
     printer_.Print(held);
   });
 }

@@ -57,6 +57,7 @@ struct Reports {
   std::vector<int> cancellations;                   // statuses
   std::size_t events = 0;                           // callbacks of the daemon's events
   std::set<CommandId> held;                         // commands the library reported held
+  std::optional<zv_client::zorvel::LinkStatus> link;  // the link state last told
   std::map<CommandId, CommandOutcome> ended;        // final outcomes
 };
 

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include <common/Export.h>
+
 namespace zv_client {
 namespace dbus {
 namespace client {
@@ -25,7 +27,7 @@ struct LinkStatus {
 
 // The state's name, as zorvelctl prints it: "connecting", "waiting-for-daemon",
 // "bus-unreachable", "ready", "held-until-new-owner".
-const char* LinkStateName(LinkState state);
+ZORVEL_API const char* LinkStateName(LinkState state);
 
 }  // namespace client
 }  // namespace dbus
