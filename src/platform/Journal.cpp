@@ -17,13 +17,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <exception>
 #include <mutex>
 #include <string>
-#include <thread>
+#include <utility>
 
 // libsystemd owns the journal's wire protocol (framing, large entries through
 // a memfd, its socket). What stays here is knowing when nobody listens, so
@@ -115,10 +115,11 @@ void SendNow(LogBuffer buffer, LogPriority priority, const char* tag, const Code
 // application thread pays for formatting and queueing a line, not for the
 // datagram, a system call that also wakes journald (several microseconds, a
 // dozen times per command). One writer, first in first out, keeps the order.
-// Nothing is dropped on the way: a full queue makes the logging thread wait
-// for room, an error line is sent before the call that logs it returns
-// (with every line queued before it), and the queue is drained at exit.
-// Lines still queued when the process crashes are the price.
+// A journal that stops reading (journald under I/O pressure) blocks only the
+// writer: lines that find the queue full are dropped and counted, an error
+// line waits at most kErrorWait for itself and the lines before it, and exit
+// waits at most kDrainWait. Lines still queued when the process crashes or
+// the drain gives up are the price.
 class Writer {
  public:
   static Writer& Get() {
@@ -128,17 +129,22 @@ class Writer {
 
   void Send(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site, const char* message,
             std::size_t length) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!started_ && !Start()) {  // no thread to be had: the line goes out from here
+    Entry entry{buffer, priority, tag, site, std::string(message, length)};  // built before taking the lock
+    State& state = *state_;
+    std::unique_lock<std::mutex> lock(state.mutex);
+    if (!state.started && !Start(state)) {  // no thread to be had: the line goes out from here
       lock.unlock();
       SendNow(buffer, priority, tag, site, message, length);
       return;
     }
-    room_.wait(lock, [this] { return queue_.size() < kCapacity; });
-    queue_.push_back(Entry{buffer, priority, tag, site, std::string(message, length)});
-    const std::uint64_t mine = ++queued_;
-    if (queue_.size() == 1) wake_.notify_one();
-    if (priority == LogPriority::kError) sent_.wait(lock, [&] { return done_ >= mine; });
+    if (state.queue.size() >= kCapacity) {
+      ++state.dropped;
+      return;
+    }
+    state.queue.push_back(std::move(entry));
+    const std::uint64_t mine = ++state.queued;
+    if (state.queue.size() == 1) state.wake.notify_one();
+    if (priority == LogPriority::kError) state.sent.wait_for(lock, kErrorWait, [&] { return state.done >= mine; });
   }
 
  private:
@@ -149,64 +155,93 @@ class Writer {
     CodeSite site;    // static text: the macros' file and function names
     std::string message;
   };
+
+  // Everything the writer shares with the threads that log, in one place, so
+  // that a forked child can swap it whole for a fresh one.
+  struct State {
+    std::mutex mutex;                // a leaf: nothing is called under it that logs or locks
+    std::condition_variable wake;    // the queue got a line
+    std::condition_variable sent;    // `done` moved
+    std::deque<Entry> queue;         // guarded by mutex
+    std::uint64_t queued = 0;        // lines ever queued; guarded by mutex
+    std::uint64_t done = 0;          // of those, sent; guarded by mutex
+    std::uint64_t dropped = 0;       // refused by a full queue since the last notice; guarded by mutex
+    bool started = false;            // whether the writer thread runs; guarded by mutex
+    std::deque<Entry> sending;       // the writer thread's own
+    const State* parents = nullptr;  // a forked child's: the parent's, never used, kept for leak checkers
+  };
+
   static constexpr std::size_t kCapacity = 8192;
+  static constexpr std::chrono::milliseconds kErrorWait{50};
+  static constexpr std::chrono::seconds kDrainWait{1};
+  static constexpr std::size_t kWriterStack = 256 * 1024;  // it sends, nothing more
+  // The drop notice's tag: the writer's area, as kLogTag would be.
+  static constexpr char kTag[] = "zorvel.platform";
 
   Writer() {
-    // The child of a fork has no writer thread and must not send its
-    // parent's lines: the lock is held across fork, then reset in the child.
-    pthread_atfork([] { Get().mutex_.lock(); }, [] { Get().mutex_.unlock(); },
-                   [] {
-                     Writer& self = Get();
-                     self.queue_.clear();
-                     self.done_ = self.queued_;
-                     self.started_ = false;
-                     self.mutex_.unlock();
-                   });
+    // The child of a fork has no writer thread, and its parent's may have
+    // left the lock, the condition variables and the queue in any state: it
+    // starts afresh. The lines queued before the fork are the parent's to send.
+    pthread_atfork(nullptr, nullptr, [] {
+      Writer& self = Get();
+      State* fresh = new State;
+      fresh->parents = self.state_;
+      self.state_ = fresh;
+    });
     std::atexit([] { Get().Drain(); });
   }
 
-  bool Start() {  // mutex_ held
-    try {
-      std::thread([this] { Run(); }).detach();
-    } catch (const std::exception&) {
-      return false;  // tried again with the next line
-    }
-    return started_ = true;
+  static bool Start(State& state) {  // state.mutex held
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) return false;
+    pthread_t thread;
+    const bool started = pthread_attr_setstacksize(&attributes, kWriterStack) == 0 &&
+                         pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
+                         pthread_create(&thread, &attributes, &Run, &state) == 0;
+    pthread_attr_destroy(&attributes);
+    return state.started = started;  // if not, tried again with the next line
   }
 
-  void Run() {
-    std::deque<Entry> batch;
-    std::unique_lock<std::mutex> lock(mutex_);
+  static void* Run(void* argument) {
+    State& state = *static_cast<State*>(argument);
+    std::unique_lock<std::mutex> lock(state.mutex);
     for (;;) {
-      wake_.wait(lock, [this] { return !queue_.empty(); });
-      batch.swap(queue_);
-      const std::uint64_t last = queued_;
-      room_.notify_all();
+      state.wake.wait(lock, [&] { return !state.queue.empty(); });
+      state.sending.swap(state.queue);
+      const std::uint64_t last = state.queued;
+      // Lines are dropped only while the queue is full, so after every line
+      // it holds now and before any line queued from now on.
+      const std::uint64_t dropped = std::exchange(state.dropped, 0);
       lock.unlock();
-      for (const Entry& entry : batch) {
+      for (const Entry& entry : state.sending) {
         SendNow(entry.buffer, entry.priority, entry.tag.c_str(), entry.site, entry.message.data(),
                 entry.message.size());
       }
-      batch.clear();
+      state.sending.clear();
+      if (dropped != 0) {
+        char notice[128];
+        const int length =
+            std::snprintf(notice, sizeof notice, "MESSAGE=Dropped %llu log lines while the journal did not take them",
+                          static_cast<unsigned long long>(dropped));
+        SendNow(LogBuffer::kSystem, LogPriority::kInfo, kTag, CodeSite{nullptr, 0, nullptr}, notice,
+                static_cast<std::size_t>(length));
+      }
       lock.lock();
-      done_ = last;
-      sent_.notify_all();
+      state.done = last;
+      state.sent.notify_all();
     }
   }
 
   void Drain() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (!started_) return;
-    const std::uint64_t all = queued_;
-    sent_.wait_for(lock, std::chrono::seconds(1), [&] { return done_ >= all; });
+    State& state = *state_;
+    std::unique_lock<std::mutex> lock(state.mutex);
+    if (!state.started) return;
+    const std::uint64_t all = state.queued;
+    state.sent.wait_for(lock, kDrainWait, [&] { return state.done >= all; });
   }
 
-  std::mutex mutex_;  // a leaf: nothing is called under it that logs or locks
-  std::condition_variable wake_, room_, sent_;
-  std::deque<Entry> queue_;   // guarded by mutex_
-  std::uint64_t queued_ = 0;  // lines ever queued; guarded by mutex_
-  std::uint64_t done_ = 0;    // of those, sent (or dropped by a fork); guarded by mutex_
-  bool started_ = false;      // guarded by mutex_
+  // Replaced only in a forked child, while it has a single thread.
+  State* state_ = new State;
 };
 
 }  // namespace
@@ -223,6 +258,8 @@ bool JournalReachable() {
   listening.store(found, std::memory_order_relaxed);
   return found;
 }
+
+void PrepareJournalWriter() { Writer::Get(); }
 
 void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site, const char* message,
                  std::size_t length) {

@@ -29,9 +29,18 @@ bool JournalReachable();
 // (`length` bytes, any bytes), then PRIORITY (6, 4 or 3), SYSLOG_IDENTIFIER
 // (`tag`), ZORVEL_LOG_BUFFER (main or system) and, when known, CODE_FILE,
 // CODE_LINE and CODE_FUNC. Dropped silently when the journal refuses it.
-// Thread-safe.
+// Thread-safe. A writer thread sends the entry (the caller, if no thread can
+// be started), so the caller does not wait for the journal: an error entry
+// waits at most 50 ms for it and the entries before it to be sent. Entries
+// that find 8,192 waiting are dropped; once the journal takes entries again,
+// an info entry tagged zorvel.platform says how many. At exit, queued
+// entries get at most 1 s to be sent.
 void JournalSend(LogBuffer buffer, LogPriority priority, const char* tag, const CodeSite& site, const char* message,
                  std::size_t length);
+
+// Builds the writer of JournalSend. Its drain at exit is registered then, and
+// so runs after the destructors of statics built after this call.
+void PrepareJournalWriter();
 
 }  // namespace detail
 }  // namespace platform

@@ -78,5 +78,8 @@ constexpr std::size_t BasenameOffset(const char* path) {
 #define ZV_LOGW(fmt, ...) ZV_LOG_(kSystem, kWarning, fmt, ##__VA_ARGS__)
 #define ZV_LOGE(fmt, ...) ZV_LOG_(kSystem, kError, fmt, ##__VA_ARGS__)
 #define ZV_LOGI_MAIN(fmt, ...) ZV_LOG_(kMain, kInfo, fmt, ##__VA_ARGS__)
-#define ZV_LOGI_THD(fmt, ...) \
-  ZV_LOG_(kSystem, kInfo, "thd: %s \"" fmt "\"", ::zv_client::platform::detail::ThreadIdText(), ##__VA_ARGS__)
+#define ZV_LOGI_THD(fmt, ...) ZV_LOGI_THD_AT_(__func__, fmt, ##__VA_ARGS__)
+// ZV_LOGI_THD for a helper that logs as the operation `function`.
+#define ZV_LOGI_THD_AT_(function, fmt, ...)                                                                  \
+  ZV_LOG_AT_(function, kSystem, kInfo, "thd: %s \"" fmt "\"", ::zv_client::platform::detail::ThreadIdText(), \
+             ##__VA_ARGS__)

@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include <common/ThreadAnnotations.h>
 #include <platform/Journal.h>
 #include <platform/Log.h>
 
@@ -21,8 +22,8 @@ namespace platform {
 namespace {
 
 struct SinkState {
-  std::mutex mutex;
-  std::shared_ptr<const LogSink> sink;  // guarded by mutex; null: the system log
+  common::Mutex mutex;
+  std::shared_ptr<const LogSink> sink ZV_GUARDED_BY(mutex);  // null: the system log
   // Whether `sink` is set: lets a line bound for the system log skip the
   // mutex and the shared_ptr copy, which every logging thread would contend on.
   std::atomic<bool> installed{false};
@@ -37,7 +38,7 @@ SinkState& State() {
 std::shared_ptr<const LogSink> Sink() {
   SinkState& state = State();
   if (!state.installed.load(std::memory_order_acquire)) return nullptr;
-  std::lock_guard<std::mutex> lock(state.mutex);
+  common::MutexLock lock(state.mutex);
   return state.sink;
 }
 
@@ -100,7 +101,7 @@ void SetLogSink(LogSink sink) {
   if (sink) replacement = std::make_shared<const LogSink>(std::move(sink));
   {
     SinkState& state = State();
-    std::lock_guard<std::mutex> lock(state.mutex);
+    common::MutexLock lock(state.mutex);
     state.installed.store(replacement != nullptr, std::memory_order_release);
     state.sink.swap(replacement);
   }

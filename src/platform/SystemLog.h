@@ -13,7 +13,10 @@ enum class LogPriority { kInfo, kWarning, kError };
 // Writes one formatted line to the system log (the systemd journal), or to
 // the sink installed with SetLogSink. A line below the level (SetLogLevel),
 // or one for the system log while no journal listens, is dropped before it
-// is formatted.
+// is formatted. The journal gets the line from a thread of the library's,
+// so the caller does not wait for it (for an error line, at most 50 ms); lines
+// that come faster than the journal takes them are dropped, and a later line
+// says how many.
 ZORVEL_API void LogPrint(LogBuffer buffer, LogPriority priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

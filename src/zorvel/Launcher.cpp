@@ -3,10 +3,10 @@
 #include <atomic>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include <common/GLibPtr.h>
+#include <common/ThreadAnnotations.h>
 #include <dbus/client/ClientInternals.h>
 #include <dbus/client/DBusClientAsync.h>
 #include <dbus/client/OrderedDeliveries.h>
@@ -23,35 +23,34 @@ using dbus::client::DBusClientAsync;
 using dbus::client::detail::ClientInternals;
 using detail::ClientLease;
 using CommandEnd = DBusClientAsync::CommandEnd;
-using OutcomeCallback = std::function<void(const CommandOutcome&)>;
 
 namespace {
 
 constexpr char kLogTag[] = "zorvel.zorvel";
 constexpr char kNotInitedMessage[] = "Launcher is not inited. Please check your call sequence";
 
-// Guards the callback members of every Launcher. A handler copies the
-// pointer to a callback under it and calls the callback without it: the
-// callable the application installed is the one that runs (a functor keeps
-// its state), and a setter may replace a callback that is running, even from
-// inside that callback; the replaced one is destroyed when its last run ends.
-std::mutex callbackMutex;
-
 template <typename Signature>
 using SharedCallback = std::shared_ptr<const std::function<Signature>>;
 
-template <typename Signature>
-SharedCallback<Signature> Current(const SharedCallback<Signature>& member) {
-  std::lock_guard<std::mutex> lock(callbackMutex);
-  return member;
-}
+}  // namespace
 
+// Guards the callable slots (the callback members) of every Launcher. A
+// handler copies the pointer in a slot under it and calls the callable
+// without it: the callable the application installed is the one that runs (a
+// functor keeps its state), and a setter may replace a callable that is
+// running, even from inside that callable; the replaced one is destroyed when
+// its last run ends. Constant initialised, so usable at any time.
+common::Mutex detail::callableSlotsMutex;
+
+namespace {
+
+// What a setter puts in a slot: the callable itself, shared, or none. The
+// setter swaps it in under callableSlotsMutex and lets go of the callable
+// it replaced only after the lock.
 template <typename Signature>
-void Replace(SharedCallback<Signature>& member, std::function<Signature> callback) {
-  SharedCallback<Signature> replacement;
-  if (callback) replacement = std::make_shared<const std::function<Signature>>(std::move(callback));
-  std::lock_guard<std::mutex> lock(callbackMutex);
-  member.swap(replacement);
+SharedCallback<Signature> Share(std::function<Signature> callback) {
+  if (!callback) return nullptr;
+  return std::make_shared<const std::function<Signature>>(std::move(callback));
 }
 
 }  // namespace
@@ -60,24 +59,39 @@ void Replace(SharedCallback<Signature>& member, std::function<Signature> callbac
 // that are still in flight. The destructor detaches it, so that an outcome
 // reported late (by a client deleted on another thread) reaches nobody.
 struct detail::OutcomeRoute {
-  SharedCallback<void(const CommandOutcome&)> callback;  // guarded by callbackMutex
+  SharedCallback<void(const CommandOutcome&)> callback ZV_GUARDED_BY(callableSlotsMutex);
   // Kept here rather than in the Launcher, whose size is part of the ABI.
-  SharedCallback<void(const LinkStatus&)> linkCallback;  // guarded by callbackMutex
+  SharedCallback<void(const LinkStatus&)> linkCallback ZV_GUARDED_BY(callableSlotsMutex);
 
-  void DeliverLink(const LinkStatus& status) {
-    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::CallbackMutex());
-    if (const auto current = Current(linkCallback)) (*current)(status);
+  void DeliverLink(const LinkStatus& status) ZV_EXCLUDES(callableSlotsMutex) {
+    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::ApplicationCallbackMutex());
+    SharedCallback<void(const LinkStatus&)> current;
+    {
+      common::MutexLock lock(callableSlotsMutex);
+      current = linkCallback;
+    }
+    if (current) (*current)(status);
   }
 
   // Runs the callback under the lock that keeps callbacks from overlapping.
-  void Deliver(const CommandOutcome& outcome) {
-    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::CallbackMutex());
-    if (const auto current = Current(callback)) (*current)(outcome);
+  void Deliver(const CommandOutcome& outcome) ZV_EXCLUDES(callableSlotsMutex) {
+    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::ApplicationCallbackMutex());
+    SharedCallback<void(const CommandOutcome&)> current;
+    {
+      common::MutexLock lock(callableSlotsMutex);
+      current = callback;
+    }
+    if (current) (*current)(outcome);
   }
-  void Detach() {
-    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::CallbackMutex());
-    Replace(callback, OutcomeCallback());
-    Replace(linkCallback, std::function<void(const LinkStatus&)>());
+  void Detach() ZV_EXCLUDES(callableSlotsMutex) {
+    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::ApplicationCallbackMutex());
+    SharedCallback<void(const CommandOutcome&)> replacedOutcome;
+    SharedCallback<void(const LinkStatus&)> replacedLink;
+    {
+      common::MutexLock lock(callableSlotsMutex);
+      callback.swap(replacedOutcome);
+      linkCallback.swap(replacedLink);
+    }
   }
 };
 
@@ -423,85 +437,132 @@ int Launcher::DeleteStoredProfile(int id, CommandId* issued) noexcept {
 }
 
 void Launcher::SetOnInstanceFoundCallback(std::function<void(int, const std::string&)> callback) noexcept {
-  Replace(onInstanceFoundCallback_, std::move(callback));
+  auto replacement = Share(std::move(callback));
+  common::MutexLock lock(detail::callableSlotsMutex);
+  onInstanceFoundCallback_.swap(replacement);
 }
 
 void Launcher::SetOnCancelConnectionCallback(std::function<void(int)> callback) noexcept {
-  Replace(onCancelConnectionCallback_, std::move(callback));
+  auto replacement = Share(std::move(callback));
+  common::MutexLock lock(detail::callableSlotsMutex);
+  onCancelConnectionCallback_.swap(replacement);
 }
 
 void Launcher::SetOnConnectionAvailable(std::function<void(int, bool)> callback) noexcept {
-  Replace(onConnectionAvailableCallback_, std::move(callback));
+  auto replacement = Share(std::move(callback));
+  common::MutexLock lock(detail::callableSlotsMutex);
+  onConnectionAvailableCallback_.swap(replacement);
 }
 
 void Launcher::SetOnCommandOutcome(std::function<void(const CommandOutcome&)> callback) noexcept {
-  Replace(outcomes_->callback, std::move(callback));
+  auto replacement = Share(std::move(callback));
+  common::MutexLock lock(detail::callableSlotsMutex);
+  outcomes_->callback.swap(replacement);
 }
 
 void Launcher::SetOnLinkState(std::function<void(const LinkStatus&)> callback) noexcept {
-  Replace(outcomes_->linkCallback, std::move(callback));
+  auto replacement = Share(std::move(callback));
+  common::MutexLock lock(detail::callableSlotsMutex);
+  outcomes_->linkCallback.swap(replacement);
 }
+
+// The handlers of the daemon's signals that SetSignalCallbacks registers with
+// the client, each a functor that runs the Launcher's callable for it (copied
+// from its slot under callableSlotsMutex, called without it). The client runs
+// them under the application callback mutex.
+struct detail::LauncherSignals {
+  struct InstanceFound {
+    Launcher* launcher;
+    void operator()(GVariant* payload) const {
+      ZV_LOGI("OnFoundCallback emitted");
+      if (payload == nullptr) {
+        ZV_LOGE("Null pointer received");
+        return;
+      }
+      std::string name;
+      int id = 0;
+      if (!common::DeserializeDataFromGVariant(payload, name, id)) {
+        ZV_LOGE("Failed to deserialize data");
+        return;
+      }
+      SharedCallback<void(int, const std::string&)> callback;
+      {
+        common::MutexLock lock(callableSlotsMutex);
+        callback = launcher->onInstanceFoundCallback_;
+      }
+      if (!callback) return;
+      ZV_LOGI_THD("Execute Instance Found callback: id[%d], name[%s]", id, name.c_str());
+      (*callback)(id, name);
+    }
+  };
+
+  struct CancelConnection {
+    Launcher* launcher;
+    void operator()(GVariant* payload) const {
+      common::SessionProfile profile;
+      int status = -1;
+      if (common::VariantToProfileWithStatus(payload, profile, status)) {
+        ZV_LOGI("onCancelConnection emitted: profile[%s][%d], status[%d]", profile.name.c_str(), profile.id, status);
+        SharedCallback<void(int)> callback;
+        {
+          common::MutexLock lock(callableSlotsMutex);
+          callback = launcher->onCancelConnectionCallback_;
+        }
+        if (callback) (*callback)(status);
+      }
+      ZV_LOGI("onCancelConnection handled");
+    }
+  };
+
+  // Needs no Launcher: it acts on the shared client, whichever Launcher installed it.
+  struct DbusClosing {
+    void operator()(GVariant* payload) const {
+      const int value = common::VariantToInteger(payload);
+      ZV_LOGI("onDbusClosing emitted [%d]", value);
+      if (const ClientLease current = LeaseClient()) current->Disconnect();
+      ZV_LOGI("onDbusClosing handled");
+    }
+  };
+
+  struct ConnectionAvailable {
+    Launcher* launcher;
+    void operator()(GVariant* payload) const {
+      ZV_LOGI("onConnectionAvailable emitted");
+      if (payload == nullptr) {
+        ZV_LOGE("Null pointer received");
+        return;
+      }
+      guint16 id = 0;
+      guint16 state = 0;
+      // A payload of another type leaves both numbers at 0.
+      if (g_variant_is_of_type(payload, G_VARIANT_TYPE("(qq)"))) {
+        common::GVariantPtr first(g_variant_get_child_value(payload, 0));
+        common::GVariantPtr second(g_variant_get_child_value(payload, 1));
+        id = g_variant_get_uint16(first.get());
+        state = g_variant_get_uint16(second.get());
+      }
+      SharedCallback<void(int, bool)> callback;
+      {
+        common::MutexLock lock(callableSlotsMutex);
+        callback = launcher->onConnectionAvailableCallback_;
+      }
+      if (!callback) return;
+      ZV_LOGI("Execute Instance ConnectionAvailable callback: id[%d] state[%d]", id, state);
+      (*callback)(static_cast<int>(id), state != 0);
+    }
+  };
+};
 
 void Launcher::SetSignalCallbacks() {
   ZV_LOGI("Setting signal callbacks ... ");
   const ClientLease client = detail::LeaseClient();
   if (!client) return;
 
-  client->SetSignalCallback(dbus::client::kSignalOnFound, [this](GVariant* payload) {
-    ZV_LOGI("OnFoundCallback emitted");
-    if (payload == nullptr) {
-      ZV_LOGE("Null pointer received");
-      return;
-    }
-    std::string name;
-    int id = 0;
-    if (!common::DeserializeDataFromGVariant(payload, name, id)) {
-      ZV_LOGE("Failed to deserialize data");
-      return;
-    }
-    const auto callback = Current(onInstanceFoundCallback_);
-    if (!callback) return;
-    ZV_LOGI_THD("Execute Instance Found callback: id[%d], name[%s]", id, name.c_str());
-    (*callback)(id, name);
-  });
-
-  client->SetSignalCallback(dbus::client::kSignalOnCancel, [this](GVariant* payload) {
-    common::SessionProfile profile;
-    int status = -1;
-    if (common::VariantToProfileWithStatus(payload, profile, status)) {
-      ZV_LOGI("onCancelConnection emitted: profile[%s][%d], status[%d]", profile.name.c_str(), profile.id, status);
-      if (const auto callback = Current(onCancelConnectionCallback_)) (*callback)(status);
-    }
-    ZV_LOGI("onCancelConnection handled");
-  });
-
-  client->SetSignalCallback(dbus::client::kSignalOnDbusClosing, [](GVariant* payload) {
-    const int value = common::VariantToInteger(payload);
-    ZV_LOGI("onDbusClosing emitted [%d]", value);
-    if (const ClientLease current = detail::LeaseClient()) current->Disconnect();
-    ZV_LOGI("onDbusClosing handled");
-  });
-
-  client->SetSignalCallback(dbus::client::kSignalOnConnectionAvailable, [this](GVariant* payload) {
-    ZV_LOGI("onConnectionAvailable emitted");
-    if (payload == nullptr) {
-      ZV_LOGE("Null pointer received");
-      return;
-    }
-    guint16 id = 0;
-    guint16 state = 0;
-    // A payload of another type leaves both numbers at 0.
-    if (g_variant_is_of_type(payload, G_VARIANT_TYPE("(qq)"))) {
-      common::GVariantPtr first(g_variant_get_child_value(payload, 0));
-      common::GVariantPtr second(g_variant_get_child_value(payload, 1));
-      id = g_variant_get_uint16(first.get());
-      state = g_variant_get_uint16(second.get());
-    }
-    const auto callback = Current(onConnectionAvailableCallback_);
-    if (!callback) return;
-    ZV_LOGI("Execute Instance ConnectionAvailable callback: id[%d] state[%d]", id, state);
-    (*callback)(static_cast<int>(id), state != 0);
-  });
+  client->SetSignalCallback(dbus::client::kSignalOnFound, detail::LauncherSignals::InstanceFound{this});
+  client->SetSignalCallback(dbus::client::kSignalOnCancel, detail::LauncherSignals::CancelConnection{this});
+  client->SetSignalCallback(dbus::client::kSignalOnDbusClosing, detail::LauncherSignals::DbusClosing{});
+  client->SetSignalCallback(dbus::client::kSignalOnConnectionAvailable,
+                            detail::LauncherSignals::ConnectionAvailable{this});
 }
 
 namespace testing {

@@ -125,6 +125,7 @@
 
 #include <common/Export.h>
 #include <common/GLibUtils.h>
+#include <common/ThreadAnnotations.h>
 #include <dbus/client/LinkState.h>
 
 namespace zv_client {
@@ -177,7 +178,10 @@ struct CommandOutcome {
 
 namespace detail {
 struct OutcomeRoute;
-}
+struct LauncherSignals;  // the handlers SetSignalCallbacks registers
+// Guards the callable slots of every Launcher (Launcher.cpp; not exported).
+extern common::Mutex callableSlotsMutex;
+}  // namespace detail
 
 class ZORVEL_API Launcher {
  public:
@@ -242,15 +246,19 @@ class ZORVEL_API Launcher {
   void SetSignalCallbacks();
 
  private:
+  friend struct detail::LauncherSignals;
+
   // Atomic because a callback may call back into the Launcher from the
   // main-loop thread or a command thread while the application calls it.
   std::atomic<bool> inited_{false};
   std::atomic<bool> instanceConnected_{false};
-  // Guarded by a mutex of the Launcher source. Shared, so that a handler runs
-  // the installed callable itself while a setter may replace it meanwhile.
-  std::shared_ptr<const std::function<void(int, const std::string&)>> onInstanceFoundCallback_;
-  std::shared_ptr<const std::function<void(int)>> onCancelConnectionCallback_;
-  std::shared_ptr<const std::function<void(int, bool)>> onConnectionAvailableCallback_;
+  // Shared, so that a handler runs the installed callable itself while a
+  // setter may replace it meanwhile.
+  std::shared_ptr<const std::function<void(int, const std::string&)>> onInstanceFoundCallback_
+      ZV_GUARDED_BY(detail::callableSlotsMutex);
+  std::shared_ptr<const std::function<void(int)>> onCancelConnectionCallback_ ZV_GUARDED_BY(detail::callableSlotsMutex);
+  std::shared_ptr<const std::function<void(int, bool)>> onConnectionAvailableCallback_
+      ZV_GUARDED_BY(detail::callableSlotsMutex);
   // Where this Launcher's outcomes go; shared with its commands in flight.
   std::shared_ptr<detail::OutcomeRoute> outcomes_;
 };

@@ -5,8 +5,10 @@
 #include <mutex>
 #include <utility>
 
+#include <common/ThreadAnnotations.h>
 #include <dbus/client/ClientInternals.h>
 #include <dbus/client/ServiceContract.h>
+#include <platform/Journal.h>
 
 namespace zv_client {
 namespace zorvel {
@@ -21,9 +23,9 @@ constexpr std::chrono::milliseconds kLeaseGrace{1000};
 // Every copy of `client` is made and dropped under `mutex`, so its use count
 // read under `mutex` is exact: 1 means that only the retiring thread holds it.
 struct Slot {
-  std::mutex mutex;
+  common::Mutex mutex;
   std::condition_variable released;
-  std::shared_ptr<DBusClientAsync> client;  // guarded by mutex
+  std::shared_ptr<DBusClientAsync> client ZV_GUARDED_BY(mutex);
 
   // At exit (the library unloaded, or the process ending without the
   // application having destroyed its Launcher) the client left over goes
@@ -34,6 +36,8 @@ struct Slot {
 // Built on first use, so after the contract's names that a client uses, and
 // so destroyed before them.
 Slot& TheSlot() {
+  // Built first, the journal writer drains at exit after ~Slot has logged.
+  platform::detail::PrepareJournalWriter();
   static Slot slot;
   return slot;
 }
@@ -44,7 +48,7 @@ ClientLease::~ClientLease() {
   if (!client_) return;
   Slot& slot = TheSlot();
   {
-    std::lock_guard<std::mutex> lock(slot.mutex);
+    common::MutexLock lock(slot.mutex);
     client_.reset();
   }
   slot.released.notify_all();
@@ -52,22 +56,22 @@ ClientLease::~ClientLease() {
 
 ClientLease LeaseClient() {
   Slot& slot = TheSlot();
-  std::lock_guard<std::mutex> lock(slot.mutex);
+  common::MutexLock lock(slot.mutex);
   return ClientLease(slot.client);
 }
 
 void InstallClient(std::unique_ptr<DBusClientAsync> client) {
   Slot& slot = TheSlot();
   std::shared_ptr<DBusClientAsync> retired(std::move(client));
-  std::unique_lock<std::mutex> lock(slot.mutex);
+  common::MutexLock lock(slot.mutex);
   slot.client.swap(retired);
   if (!retired) return;
   const auto unshared = [&] { return retired.use_count() == 1; };
-  if (!slot.released.wait_for(lock, kLeaseGrace, unshared)) {
+  if (!slot.released.wait_for(lock.native(), kLeaseGrace, unshared)) {
     // A lease holder is in a call that does not return soon (a direct call
     // waits up to the D-Bus timeout): make it fail now.
     dbus::client::detail::ClientInternals::CancelCalls(*retired);
-    slot.released.wait(lock, unshared);
+    slot.released.wait(lock.native(), unshared);
   }
   lock.unlock();
   retired.reset();

@@ -19,8 +19,10 @@ set(expected
   include/zorvel/common/Export.h
   include/zorvel/common/GLibPtr.h
   include/zorvel/common/GLibUtils.h
+  include/zorvel/common/ThreadAnnotations.h
   include/zorvel/dbus/client/DBusClient.h
   include/zorvel/dbus/client/DBusClientAsync.h
+  include/zorvel/dbus/client/LinkState.h
   include/zorvel/dbus/client/ServiceContract.h
   include/zorvel/platform/Export.h
   include/zorvel/platform/SystemLog.h

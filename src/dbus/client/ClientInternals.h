@@ -3,9 +3,9 @@
 // Internal: what the library's own code (the owner of the shared client, the
 // tests) may do to a client beyond its public interface. Not installed.
 
-#include <mutex>
 #include <string>
 
+#include <common/ThreadAnnotations.h>
 #include <dbus/client/DBusClient.h>
 
 namespace zv_client {
@@ -17,7 +17,7 @@ struct ClientInternals {
   // The process-wide lock held while a signal handler runs: whoever calls the
   // application from elsewhere takes it too, so no two callbacks overlap.
   // Recursive: a callback may cause another on its own thread.
-  static std::recursive_mutex& CallbackMutex();
+  static common::RecursiveMutex& ApplicationCallbackMutex();
   // The base class's own synchronous call, with why it failed (see there).
   static bool Call(DBusClient& client, const std::string& method, GVariant* params, GVariant** result, int timeout,
                    common::GErrorPtr& error);

@@ -6,28 +6,34 @@ namespace client {
 namespace detail {
 
 void CommandGate::Enter() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  common::MutexLock lock(mutex_);
   ++inFlight_;
 }
 
 void CommandGate::Leave() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  common::MutexLock lock(mutex_);
   --inFlight_;
   idle_.notify_all();
 }
 
 bool CommandGate::WaitIdleFor(std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return idle_.wait_for(lock, timeout, [this] { return inFlight_ == 0; });
+  // The loop std::condition_variable::wait_for runs with a predicate, written
+  // out so that the analysis sees inFlight_ read with mutex_ held.
+  common::MutexLock lock(mutex_);
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (inFlight_ != 0) {
+    if (idle_.wait_until(lock.native(), deadline) == std::cv_status::timeout) return inFlight_ == 0;
+  }
+  return true;
 }
 
 void CommandGate::WaitIdle() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  idle_.wait(lock, [this] { return inFlight_ == 0; });
+  common::MutexLock lock(mutex_);
+  while (inFlight_ != 0) idle_.wait(lock.native());
 }
 
 std::size_t CommandGate::InFlight() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  common::MutexLock lock(mutex_);
   return inFlight_;
 }
 

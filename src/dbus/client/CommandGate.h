@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <mutex>
 
+#include <common/ThreadAnnotations.h>
+
 namespace zv_client {
 namespace dbus {
 namespace client {
@@ -19,17 +21,17 @@ namespace detail {
 // not yet matched by a Leave().
 class CommandGate {
  public:
-  void Enter();
-  void Leave();
+  void Enter() ZV_EXCLUDES(mutex_);
+  void Leave() ZV_EXCLUDES(mutex_);
   // True when no command is in flight, at once or before `timeout` passed.
-  bool WaitIdleFor(std::chrono::milliseconds timeout);
-  void WaitIdle();
-  std::size_t InFlight() const;
+  bool WaitIdleFor(std::chrono::milliseconds timeout) ZV_EXCLUDES(mutex_);
+  void WaitIdle() ZV_EXCLUDES(mutex_);
+  std::size_t InFlight() const ZV_EXCLUDES(mutex_);
 
  private:
-  mutable std::mutex mutex_;
+  mutable common::Mutex mutex_;
   std::condition_variable idle_;
-  std::size_t inFlight_ = 0;  // guarded by mutex_
+  std::size_t inFlight_ ZV_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace detail

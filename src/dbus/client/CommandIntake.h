@@ -4,6 +4,8 @@
 #include <mutex>
 #include <utility>
 
+#include <common/ThreadAnnotations.h>
+
 namespace zv_client {
 namespace dbus {
 namespace client {
@@ -24,8 +26,8 @@ class CommandIntake {
   // that cannot be started takes its own item back out (and the exception
   // passes on).
   template <typename StartThread>
-  void Put(Item item, StartThread startThread) {
-    std::lock_guard<std::mutex> lock(mutex_);
+  void Put(Item item, StartThread startThread) ZV_EXCLUDES(mutex_) {
+    common::MutexLock lock(mutex_);
     waiting_.push_back(std::move(item));
     try {
       startThread();
@@ -35,16 +37,16 @@ class CommandIntake {
     }
   }
 
-  Item Take() {
-    std::lock_guard<std::mutex> lock(mutex_);
+  Item Take() ZV_EXCLUDES(mutex_) {
+    common::MutexLock lock(mutex_);
     Item item = std::move(waiting_.front());
     waiting_.pop_front();
     return item;
   }
 
  private:
-  std::mutex mutex_;
-  std::deque<Item> waiting_;  // guarded by mutex_
+  common::Mutex mutex_;
+  std::deque<Item> waiting_ ZV_GUARDED_BY(mutex_);
 };
 
 }  // namespace detail

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include <common/ThreadAnnotations.h>
 #include <dbus/client/DBusClientAsync.h>
 
 namespace zv_client {
@@ -22,19 +23,20 @@ class CommandTally {
 
   // Adds `delta` to one count and, unless kHeldUnchanged, records the pool
   // size in the same step.
-  void Add(std::uint64_t Counts::*field, std::int64_t delta = 1, std::size_t held = kHeldUnchanged) {
-    std::lock_guard<std::mutex> lock(mutex_);
+  void Add(std::uint64_t Counts::*field, std::int64_t delta = 1, std::size_t held = kHeldUnchanged)
+      ZV_EXCLUDES(mutex_) {
+    common::MutexLock lock(mutex_);
     counts_.*field += static_cast<std::uint64_t>(delta);
     if (held != kHeldUnchanged) counts_.held = held;
   }
-  Counts Snapshot() const {
-    std::lock_guard<std::mutex> lock(mutex_);
+  Counts Snapshot() const ZV_EXCLUDES(mutex_) {
+    common::MutexLock lock(mutex_);
     return counts_;
   }
 
  private:
-  mutable std::mutex mutex_;
-  Counts counts_;  // guarded by mutex_; inFlight is the gate's, not kept here
+  mutable common::Mutex mutex_;
+  Counts counts_ ZV_GUARDED_BY(mutex_);  // inFlight is the gate's, not kept here
 };
 
 }  // namespace detail

@@ -17,11 +17,13 @@ namespace {
 
 constexpr char kLogTag[] = "zorvel.dbus_client";
 
-// Makes handler runs mutually exclusive across all clients and threads.
-// Recursive, so a handler may dispatch another signal on its own thread.
-// Never destroyed: a client deleted by a static destructor at exit uses it.
-std::recursive_mutex& SignalMutex() {
-  static std::recursive_mutex* const mutex = new std::recursive_mutex;
+// Makes the application's callbacks (signal handlers, and whatever else the
+// library calls the application with) mutually exclusive across all clients
+// and threads. Recursive, so a handler may dispatch another signal on its own
+// thread. Never destroyed: a client deleted by a static destructor at exit
+// uses it.
+common::RecursiveMutex& ApplicationCallbackMutex() {
+  static common::RecursiveMutex* const mutex = new common::RecursiveMutex;
   return *mutex;
 }
 
@@ -56,7 +58,7 @@ DBusClient::~DBusClient() {
   DBusClient::Disconnect();
   common::GObjectPtr<GDBusConnection> connection;
   {
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    common::MutexLock lock(stateMutex_);
     connection = std::move(connection_);
   }
   // Closing, not just releasing: GDBus keeps a connection with pending work
@@ -66,12 +68,12 @@ DBusClient::~DBusClient() {
 }
 
 DBusClient::ConnectFailure DBusClient::LastConnectFailure() const {
-  std::lock_guard<std::mutex> lock(stateMutex_);
+  common::MutexLock lock(stateMutex_);
   return lastConnectFailure_;
 }
 
 common::GObjectPtr<GDBusConnection> DBusClient::BusConnection() const {
-  std::lock_guard<std::mutex> lock(stateMutex_);
+  common::MutexLock lock(stateMutex_);
   if (!connection_ || g_dbus_connection_is_closed(connection_.get())) return nullptr;
   return NewRef(connection_.get());
 }
@@ -84,7 +86,7 @@ common::GObjectPtr<GDBusConnection> DBusClient::OpenBusConnection(common::GError
   if (!fresh) return nullptr;
   common::GObjectPtr<GDBusConnection> replaced;
   {
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    common::MutexLock lock(stateMutex_);
     if (!connection_ || g_dbus_connection_is_closed(connection_.get())) {
       replaced = std::exchange(connection_, NewRef(fresh.get()));
       fresh.reset();
@@ -97,12 +99,12 @@ common::GObjectPtr<GDBusConnection> DBusClient::OpenBusConnection(common::GError
 bool DBusClient::Connect() {
   if (connected_) return true;
 
-  std::lock_guard<std::mutex> lock(connectionMutex_);
+  common::MutexLock lock(connectionMutex_);
   // Two threads may both have passed the test above; the second must not
   // create a second proxy and subscription over the first.
   if (connected_) return true;
   {
-    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    common::MutexLock stateLock(stateMutex_);
     busName_ = kBusName;
   }
 
@@ -117,7 +119,7 @@ bool DBusClient::Connect() {
   }
   std::string remembered;
   {
-    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    common::MutexLock stateLock(stateMutex_);
     proxy_.reset(proxy);
     remembered = nameOwner_;
   }
@@ -126,7 +128,7 @@ bool DBusClient::Connect() {
     ConnectFailure failure{ConnectFailure::kBusUnreachable, "", error ? error->message : "unknown error"};
     common::GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
     if (address) failure.busAddress = address.get();
-    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    common::MutexLock stateLock(stateMutex_);
     lastConnectFailure_ = std::move(failure);
     return false;
   }
@@ -150,7 +152,7 @@ bool DBusClient::Connect() {
 
   ZV_LOGE("Connection failed: got empty nameOwner? [%d] connected to service which terminates? [%d]", owner ? 0 : 1,
           (owner && remembered == owner.get()) ? 1 : 0);
-  std::lock_guard<std::mutex> stateLock(stateMutex_);
+  common::MutexLock stateLock(stateMutex_);
   lastConnectFailure_ = ConnectFailure{owner ? ConnectFailure::kOwnerGoingAway : ConnectFailure::kNoOwner, "", ""};
   proxy_.reset();
   return false;
@@ -163,7 +165,7 @@ bool DBusClient::Disconnect() {
   }
   ZV_LOGI("Disconnect started");
 
-  std::lock_guard<std::mutex> lock(connectionMutex_);
+  common::MutexLock lock(connectionMutex_);
   if (!connected_) {  // a concurrent Disconnect got here first
     ZV_LOGI("Already disconnected");
     return false;
@@ -171,7 +173,7 @@ bool DBusClient::Disconnect() {
   connected_ = false;
   common::GObjectPtr<GDBusProxy> proxy;
   {
-    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    common::MutexLock stateLock(stateMutex_);
     proxy = std::move(proxy_);
   }
   if (proxy && signalSubscriptionId_ != 0) {
@@ -200,7 +202,7 @@ bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** re
 
   common::GObjectPtr<GDBusProxy> proxy;
   {
-    std::lock_guard<std::mutex> stateLock(stateMutex_);
+    common::MutexLock stateLock(stateMutex_);
     proxy = NewRef(proxy_.get());
   }
   if (!connected_ || !ipcReady_ || !proxy) {
@@ -231,7 +233,7 @@ bool DBusClient::IsConnected() const { return connected_; }
 void DBusClient::SetIpcReadyCallback(std::function<void(bool)> callback) {
   auto replacement = std::make_shared<const std::function<void(bool)>>(std::move(callback));
   {
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    common::MutexLock lock(stateMutex_);
     ipcReadyCallback_.swap(replacement);
   }
   // The replaced callback is released here, outside the lock, and destroyed
@@ -241,7 +243,7 @@ void DBusClient::SetIpcReadyCallback(std::function<void(bool)> callback) {
 void DBusClient::LaunchBusWatcher() {
   common::GObjectPtr<GDBusConnection> bus;
   {
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    common::MutexLock lock(stateMutex_);
     if (proxy_) bus = NewRef(g_dbus_proxy_get_connection(proxy_.get()));
   }
   // Without a proxy: the client's connection, opened if need be (which waits
@@ -254,7 +256,7 @@ void DBusClient::LaunchBusWatcher() {
 void DBusClient::LaunchBusWatcher(GDBusConnection* bus) {
   // A watcher on a connection that closed meanwhile reports the name as
   // vanished, which restores the link: nothing is left waiting.
-  std::lock_guard<std::mutex> lock(stateMutex_);
+  common::MutexLock lock(stateMutex_);
   if (busWatcherId_ != 0 || busName_.empty()) return;
   busWatcherId_ = g_bus_watch_name_on_connection(bus, busName_.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
                                                  &DBusClient::OnBusNameAvailable, &DBusClient::OnBusNameVanished,
@@ -264,7 +266,7 @@ void DBusClient::LaunchBusWatcher(GDBusConnection* bus) {
 void DBusClient::StopBusWatcher() {
   guint id = 0;
   {
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    common::MutexLock lock(stateMutex_);
     std::swap(id, busWatcherId_);
   }
   if (id != 0) g_bus_unwatch_name(id);
@@ -283,7 +285,7 @@ void DBusClient::OnBusNameAvailable(GDBusConnection* /*connection*/, const char*
 
   std::string previous;
   {
-    std::lock_guard<std::mutex> lock(self->stateMutex_);
+    common::MutexLock lock(self->stateMutex_);
     previous = self->nameOwner_;
   }
   if (previous == nameOwner) {
@@ -308,7 +310,7 @@ void DBusClient::OnBusNameVanished(GDBusConnection* /*connection*/, const char* 
 void DBusClient::NotifyIpcReady(bool isReady, const char* nameOwner) {
   std::shared_ptr<const std::function<void(bool)>> callback;
   {
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    common::MutexLock lock(stateMutex_);
     nameOwner_ = nameOwner;
     callback = ipcReadyCallback_;
   }
@@ -320,7 +322,7 @@ void DBusClient::NotifyIpcReady(bool isReady, const char* nameOwner) {
 void DBusClient::SetSignalCallback(const std::string& signalName, SignalCallback callback) {
   auto replacement = std::make_shared<const SignalCallback>(std::move(callback));
   {
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    common::MutexLock lock(stateMutex_);
     signalCallbacks_[signalName].swap(replacement);
   }
   // The replaced handler is released outside the lock; a dispatch that is
@@ -331,7 +333,7 @@ void DBusClient::HandleSignal(const std::string& signalName, GVariant* parameter
   ZV_LOGI("HandleSignal is called, signal name [%s]", signalName.c_str());
   std::shared_ptr<const SignalCallback> handler;
   {
-    std::lock_guard<std::mutex> lock(stateMutex_);
+    common::MutexLock lock(stateMutex_);
     const auto entry = signalCallbacks_.find(signalName);
     if (entry != signalCallbacks_.end()) handler = entry->second;
   }
@@ -339,7 +341,7 @@ void DBusClient::HandleSignal(const std::string& signalName, GVariant* parameter
     ZV_LOGI("Haven't found callback for signal %s. Skipping processing...", signalName.c_str());
     return;
   }
-  detail::CallbackExclusion exclusive(SignalMutex());
+  detail::CallbackExclusion exclusive(ApplicationCallbackMutex());
   (*handler)(parameters);
 }
 
@@ -373,7 +375,7 @@ void DBusClient::FreeCallbackHandle(void* handle) {
 }
 
 void DBusClient::DetachCallbacks() {
-  std::lock_guard<std::recursive_mutex> lock(anchor_->mutex);
+  common::RecursiveMutexLock lock(anchor_->dispatchMutex);
   anchor_->client = nullptr;
 }
 
@@ -381,7 +383,9 @@ void DBusClient::CancelCalls() { g_cancellable_cancel(cancellable_.get()); }
 
 void detail::ClientInternals::CancelCalls(DBusClient& client) { client.CancelCalls(); }
 
-std::recursive_mutex& detail::ClientInternals::CallbackMutex() { return SignalMutex(); }
+common::RecursiveMutex& detail::ClientInternals::ApplicationCallbackMutex() {
+  return client::ApplicationCallbackMutex();
+}
 
 bool detail::ClientInternals::Call(DBusClient& client, const std::string& method, GVariant* params, GVariant** result,
                                    int timeout, common::GErrorPtr& error) {

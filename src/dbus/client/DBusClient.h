@@ -11,6 +11,7 @@
 
 #include <common/Export.h>
 #include <common/GLibPtr.h>
+#include <common/ThreadAnnotations.h>
 
 namespace zv_client {
 namespace dbus {
@@ -38,12 +39,16 @@ struct ClientInternals;  // the library's own access to a client, see DBusClient
 //
 // Lock order (outermost first; a lock is only ever taken while holding locks
 // above it):
-//   1. the callback anchor's mutex (held while a GLib callback runs on us)
+//   1. the callback anchor's dispatch mutex (held while a GLib callback runs
+//      on us)
 //   2. DBusClientAsync's locks (see there)
 //   3. connectionMutex_
 //   4. stateMutex_ (a leaf)
-// The process-wide signal mutex is held only around a handler, with neither
-// 3 nor 4 held; a handler may take any lock of 2-4 again.
+// The process-wide application callback mutex is held only around a handler,
+// with neither 3 nor 4 held; a handler may take any lock of 2-4 again.
+// The analysis sees 3 -> 4 (ZV_ACQUIRED_AFTER below); 1 lives in an object
+// reached through a GLib handle and 2 in the derived class, which this class
+// cannot name.
 class ZORVEL_API DBusClient {
  public:
   using SignalCallback = std::function<void(GVariant*)>;
@@ -59,34 +64,36 @@ class ZORVEL_API DBusClient {
   // instance last recorded (one that is going away). Blocks until the bus
   // (and the daemon, for the proxy) answered: the command layer calls it on
   // a thread of its own, never on the main loop.
-  virtual bool Connect();
+  virtual bool Connect() ZV_EXCLUDES(connectionMutex_, stateMutex_);
   // Drops the subscription and the proxy; false when it was not connected.
-  virtual bool Disconnect();
-  virtual void Reconnect();
+  virtual bool Disconnect() ZV_EXCLUDES(connectionMutex_, stateMutex_);
+  virtual void Reconnect() ZV_EXCLUDES(connectionMutex_, stateMutex_);
   // One synchronous call of `method`. A floating `params` is sunk (the caller
   // then holds a full reference it must release); the reply stored through
   // `result` belongs to the caller. `timeout` in ms, -1 for GDBus's default.
-  virtual bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout);
+  virtual bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout)
+      ZV_EXCLUDES(stateMutex_);
 
   bool IsConnected() const;
   // The callable installed is the one that runs (state it keeps survives
   // between calls); it may be replaced at any time, also while it runs.
-  void SetIpcReadyCallback(std::function<void(bool)> callback);
+  void SetIpcReadyCallback(std::function<void(bool)> callback) ZV_EXCLUDES(stateMutex_);
 
   // Starts the name watcher, if none runs, on the proxy's connection, or
   // without a proxy on the client's connection to the bus.
-  void LaunchBusWatcher();
-  void StopBusWatcher();
+  void LaunchBusWatcher() ZV_EXCLUDES(stateMutex_);
+  void StopBusWatcher() ZV_EXCLUDES(stateMutex_);
 
   // Registers `callback` for the signal member `signalName`, replacing any
   // earlier one. Safe against concurrent dispatch: a handler already running
   // finishes, and is destroyed only then.
-  void SetSignalCallback(const std::string& signalName, SignalCallback callback);
+  void SetSignalCallback(const std::string& signalName, SignalCallback callback) ZV_EXCLUDES(stateMutex_);
   // Runs the handler registered for `signalName` (none, or an empty one, is
-  // logged and skipped) under the process-wide signal mutex, which the same
-  // thread may take again: a handler may itself call HandleSignal. Borrows
-  // `parameters`; exceptions of the handler pass to the caller.
-  void HandleSignal(const std::string& signalName, GVariant* parameters);
+  // logged and skipped) under the process-wide application callback mutex,
+  // which the same thread may take again: a handler may itself call
+  // HandleSignal. Borrows `parameters`; exceptions of the handler pass to the
+  // caller.
+  void HandleSignal(const std::string& signalName, GVariant* parameters) ZV_EXCLUDES(stateMutex_);
 
  protected:
   // GDBus callbacks. `userData` is the callback handle this client registered
@@ -112,9 +119,9 @@ class ZORVEL_API DBusClient {
   // The client's open connection to the system bus, opening one if there is
   // none or the one it had was closed (the bus went away); null with `error`
   // set when the bus cannot be reached.
-  common::GObjectPtr<GDBusConnection> OpenBusConnection(common::GErrorPtr& error);
+  common::GObjectPtr<GDBusConnection> OpenBusConnection(common::GErrorPtr& error) ZV_EXCLUDES(stateMutex_);
   // The connection as it is, without opening one; null when none is open.
-  common::GObjectPtr<GDBusConnection> BusConnection() const;
+  common::GObjectPtr<GDBusConnection> BusConnection() const ZV_EXCLUDES(stateMutex_);
 
   // Why the last Connect failed.
   struct ConnectFailure {
@@ -123,43 +130,45 @@ class ZORVEL_API DBusClient {
     std::string busAddress;  // kBusUnreachable: the address tried
     std::string error;       // kBusUnreachable: GLib's message
   };
-  ConnectFailure LastConnectFailure() const;
+  ConnectFailure LastConnectFailure() const ZV_EXCLUDES(stateMutex_);
 
   // The synchronous Call of this class, also handing back why it failed:
   // the GDBus error of the call, or none when the client was not ready and
   // nothing was sent.
-  bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout, common::GErrorPtr& error);
+  bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout, common::GErrorPtr& error)
+      ZV_EXCLUDES(stateMutex_);
 
  private:
   friend struct detail::ClientInternals;
 
   // Records `nameOwner` ("" when the name vanished) and tells the ready callback.
-  void NotifyIpcReady(bool isReady, const char* nameOwner);
-  void LaunchBusWatcher(GDBusConnection* bus);
+  void NotifyIpcReady(bool isReady, const char* nameOwner) ZV_EXCLUDES(stateMutex_);
+  void LaunchBusWatcher(GDBusConnection* bus) ZV_EXCLUDES(stateMutex_);
 
   // Fields in the order of the client's data model. The GLib callbacks (main
   // loop thread) and the application's threads share them as noted. A
   // callable is held through a shared pointer: a dispatch copies the pointer,
   // not the callable, so the callable the application installed is the one
   // that runs, and replacing it never destroys it under a running call.
-  std::map<std::string, std::shared_ptr<const SignalCallback>> signalCallbacks_;  // guarded by stateMutex_
-  std::shared_ptr<const std::function<void(bool)>> ipcReadyCallback_;             // guarded by stateMutex_
+  std::map<std::string, std::shared_ptr<const SignalCallback>> signalCallbacks_ ZV_GUARDED_BY(stateMutex_);
+  std::shared_ptr<const std::function<void(bool)>> ipcReadyCallback_ ZV_GUARDED_BY(stateMutex_);
   std::atomic<bool> connected_{false};
-  // Written under connectionMutex_ and stateMutex_, read under either. Call
-  // takes its own reference under stateMutex_, so a Disconnect on another
-  // thread cannot release the proxy in the middle of a call.
-  common::GObjectPtr<GDBusProxy> proxy_;
-  guint signalSubscriptionId_ = 0;  // guarded by connectionMutex_
-  std::string busName_;             // guarded by connectionMutex_ (written), stateMutex_ (read by the watcher)
-  std::string nameOwner_;           // guarded by stateMutex_; written only by the watcher callbacks
-  guint busWatcherId_ = 0;          // guarded by stateMutex_
+  // Written under connectionMutex_ and stateMutex_. Call takes its own
+  // reference under stateMutex_, so a Disconnect on another thread cannot
+  // release the proxy in the middle of a call.
+  common::GObjectPtr<GDBusProxy> proxy_ ZV_GUARDED_BY(stateMutex_);
+  guint signalSubscriptionId_ ZV_GUARDED_BY(connectionMutex_) = 0;
+  // Written under connectionMutex_ too; the watcher reads it under stateMutex_.
+  std::string busName_ ZV_GUARDED_BY(stateMutex_);
+  std::string nameOwner_ ZV_GUARDED_BY(stateMutex_);  // written only by the watcher callbacks
+  guint busWatcherId_ ZV_GUARDED_BY(stateMutex_) = 0;
   std::atomic<bool> ipcReady_{false};
-  std::mutex connectionMutex_;
+  common::Mutex connectionMutex_;
 
-  mutable std::mutex stateMutex_;
-  common::GObjectPtr<GDBusConnection> connection_;  // guarded by stateMutex_; closed and released at teardown
-  common::GObjectPtr<GCancellable> cancellable_;    // set once; cancelled at teardown
-  ConnectFailure lastConnectFailure_;               // guarded by stateMutex_
+  mutable common::Mutex stateMutex_ ZV_ACQUIRED_AFTER(connectionMutex_);
+  common::GObjectPtr<GDBusConnection> connection_ ZV_GUARDED_BY(stateMutex_);  // closed and released at teardown
+  common::GObjectPtr<GCancellable> cancellable_;                               // set once; cancelled at teardown
+  ConnectFailure lastConnectFailure_ ZV_GUARDED_BY(stateMutex_);
   std::shared_ptr<detail::CallbackAnchor> anchor_;  // shared with every GLib registration
 };
 

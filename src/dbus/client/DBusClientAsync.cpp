@@ -26,14 +26,13 @@ constexpr guint kConnectRetryIntervalMs = 500;
 // D-Bus call in flight and discards the rest.
 constexpr std::chrono::milliseconds kTeardownGrace{1000};
 
-// Serialises the test of reconnectFuture_ with the start of a new task, for
-// every client of the process. Never destroyed, like the signal mutex.
-std::mutex& RestoreMutex() {
-  static std::mutex* const mutex = new std::mutex;
+}  // namespace
+
+// Never destroyed, like the application callback mutex.
+common::Mutex& detail::RestoreMutex() {
+  static common::Mutex* const mutex = new common::Mutex;
   return *mutex;
 }
-
-}  // namespace
 
 DBusClientAsync::DBusClientAsync()
     : intake_(std::make_unique<detail::CommandIntake<IntakeItem>>()),
@@ -66,10 +65,10 @@ DBusClientAsync::~DBusClientAsync() {
   DropTimer();
 
   gate_->WaitIdle();
-  std::unique_lock<std::mutex> lock(poolMutex_);
+  common::MutexLock lock(poolMutex_);
   DiscardPool();
   if (lastReply_ != nullptr) g_variant_unref(std::exchange(lastReply_, nullptr));
-  DeliverQueued(lock);  // the discarded commands' ends
+  DeliverQueued(lock.native());  // the discarded commands' ends
 }
 
 void DBusClientAsync::SetFunctions() {
@@ -84,6 +83,9 @@ void DBusClientAsync::SetFunctions() {
 }
 
 bool DBusClientAsync::ForwardingCommand::operator()(const CommandData::Parameters& parameters) const {
+  // Called through the command table's std::function, by RunFunction, which
+  // holds runMutex_.
+  client->runMutex_.AssertHeld();
   GVariant** destination = parameters.result;
   if (destination == nullptr) {
     if (client->lastReply_ != nullptr) g_variant_unref(std::exchange(client->lastReply_, nullptr));
@@ -99,6 +101,8 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
   if (parameters.result != nullptr) return true;
 
   DBusClientAsync& self = *client;
+  // Called as ForwardingCommand is.
+  self.runMutex_.AssertHeld();
   // Decoded whole before anything is queued: a reply that does not decode
   // throws here and delivers nothing.
   self.profiles_ = common::VariantToProfiles(self.lastReply_);
@@ -167,80 +171,118 @@ void DBusClientAsync::StartIntakeThread(IntakeItem item) {
 
 int DBusClientAsync::ExecuteCommand(const CommandData& command) { return ExecuteCommand(&command); }
 
+// ExecuteCommand's two ways with a command it may run, once it holds both
+// runMutex_ and poolMutex_ and the layer is open: run it now, or hold it in
+// the pool. Each returns how to end the command right there (a repeat, or
+// teardown under way), or nothing when it saw to the command itself. Their
+// steps are ExecuteCommand's, and so is the function name of their log lines.
+struct detail::CommandExecution {
+  using CommandData = DBusClientAsync::CommandData;
+  using CommandEnd = DBusClientAsync::CommandEnd;
+
+  // Ready with nothing held: the command runs now, with poolMutex_ released
+  // (through `poolLock`) while its function runs; unless it repeats the
+  // method that ran just before.
+  static std::optional<CommandEnd::Kind> RunAtOnce(DBusClientAsync& client, const CommandData& command,
+                                                   common::GVariantPtr& params, bool& ended,
+                                                   std::unique_lock<std::mutex>& poolLock)
+      ZV_REQUIRES(client.runMutex_, client.poolMutex_) {
+    const std::string& method = command.parameters.method;
+    if (client.activeCommand_ == method) {
+      ZV_LOG_AT_("ExecuteCommand", kMain, kInfo, "Duplicate command in active %s", method.c_str());
+      return CommandEnd::Kind::kDroppedAsRepeat;
+    }
+    client.activeCommand_ = method;
+    ZV_LOG_AT_("ExecuteCommand", kSystem, kInfo, "Ipc is ready - make call");
+    ended = true;  // RunFunction ends it, also when the function throws
+    client.poolMutex_.UnlockThrough(poolLock);
+    if (!client.RunFunction(command, false, poolLock)) {
+      ZV_LOG_AT_("ExecuteCommand", kSystem, kInfo, "Command wasnot derived. It can be ok if timeout");
+    }
+    params.reset();
+    return std::nullopt;
+  }
+
+  // Not ready, or commands held already: a copy of the command joins the
+  // pool (and the link is restored when it is lost), unless its method is
+  // held already or teardown would discard it anyway.
+  static std::optional<CommandEnd::Kind> Hold(DBusClientAsync& client, const CommandData& command,
+                                              common::GVariantPtr& params, bool& ended)
+      ZV_REQUIRES(client.runMutex_, client.poolMutex_) {
+    const std::string& method = command.parameters.method;
+    client.activeCommand_.clear();
+    const bool held = std::any_of(client.commandPool_.begin(), client.commandPool_.end(),
+                                  [&](const CommandData& pooled) { return pooled.parameters.method == method; });
+    if (held || client.draining_) {  // teardown would discard it anyway
+      if (held) ZV_LOG_AT_("ExecuteCommand", kMain, kInfo, "Duplicate command in pool %s", method.c_str());
+      return held ? CommandEnd::Kind::kDroppedAsRepeat : CommandEnd::Kind::kDiscarded;
+    }
+    if (!client.ready_ && !client.IsConnected()) {
+      ZV_LOG_AT_("ExecuteCommand", kSystem, kInfo, "Ipc isn't connected - make restore");
+      client.RestoreConnection();
+    }
+    CommandData pooled = command;
+    pooled.parameters.result = nullptr;
+    if (pooled.parameters.params != nullptr && g_variant_is_floating(pooled.parameters.params)) {
+      g_variant_ref_sink(pooled.parameters.params);
+    }
+    client.commandPool_.push_back(std::move(pooled));
+    (void)params.release();  // the pool holds the reference now
+    ended = true;            // the pooled copy ends later
+    client.Finish(command, CommandEnd{CommandEnd::Kind::kHeld});
+    ZV_LOGI_THD_AT_("ExecuteCommand", "Ipc isn't ready, move command[%s] into pool[%zu], isConnectionLost[%d]",
+                    method.c_str(), client.commandPool_.size(), client.ready_ ? 1 : 0);
+    return std::nullopt;
+  }
+};
+
 // Named like the public overload: its log lines carry the function name.
 int DBusClientAsync::ExecuteCommand(const CommandData* given) {
-  std::unique_lock<std::mutex> run(runMutex_);
+  common::MutexLock run(runMutex_);
   IntakeItem next;
   const CommandData* command = given;
   if (command == nullptr) {  // taken under runMutex_, so the intake order is the execution order
     next = intake_->Take();
     if (!next) {
-      HeldCommandsReplay{this}(run);
+      HeldCommandsReplay{this}(run.native());
       return 0;
     }
     command = &*next;
   }
   common::GVariantPtr params(command->parameters.params);  // the layer's one reference
   bool ended = false;  // Finish was called for the command (or its pooled copy took over)
-  std::unique_lock<std::mutex> lock(poolMutex_, std::defer_lock);
-  // Ends the command without running or holding it.
-  const auto endHere = [&](CommandEnd::Kind kind) {
-    ended = true;
-    Finish(*command, CommandEnd{kind});
-    run.unlock();
-    DeliverQueued(lock);
-    return 0;
-  };
+  common::MutexLock lock(poolMutex_, std::defer_lock);
   try {
     lock.lock();
     const std::string& method = command->parameters.method;
-    if (closing_) return endHere(CommandEnd::Kind::kDiscarded);
-    ZV_LOGI_THD("ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]", method.c_str(), ready_ ? 1 : 0,
-                IsConnected() ? 1 : 0, commandPool_.size());
-
-    // Readiness without a link would make every command fail at once, with
-    // nothing ever restoring the link: drop the readiness and go on as when
-    // not connected. (The layer never gets there, see linkMutex_.)
-    if (ready_ && !IsConnected()) ready_ = false;
-
-    if (ready_ && commandPool_.empty()) {
-      if (activeCommand_ == method) {
-        ZV_LOGI_MAIN("Duplicate command in active %s", method.c_str());
-        return endHere(CommandEnd::Kind::kDroppedAsRepeat);
-      }
-      activeCommand_ = method;
-      ZV_LOGI("Ipc is ready - make call");
-      ended = true;  // RunFunction ends it, also when the function throws
-      lock.unlock();
-      if (!RunFunction(*command, false, lock)) ZV_LOGI("Command wasnot derived. It can be ok if timeout");
-      params.reset();
+    std::optional<CommandEnd::Kind> endHere;  // ends the command without running or holding it
+    if (closing_) {
+      endHere = CommandEnd::Kind::kDiscarded;
     } else {
-      activeCommand_.clear();
-      const bool held = std::any_of(commandPool_.begin(), commandPool_.end(),
-                                    [&](const CommandData& pooled) { return pooled.parameters.method == method; });
-      if (held || draining_) {  // teardown would discard it anyway
-        if (held) ZV_LOGI_MAIN("Duplicate command in pool %s", method.c_str());
-        return endHere(held ? CommandEnd::Kind::kDroppedAsRepeat : CommandEnd::Kind::kDiscarded);
-      }
-      if (!ready_ && !IsConnected()) {
-        ZV_LOGI("Ipc isn't connected - make restore");
-        RestoreConnection();
-      }
-      CommandData pooled = *command;
-      pooled.parameters.result = nullptr;
-      if (pooled.parameters.params != nullptr && g_variant_is_floating(pooled.parameters.params)) {
-        g_variant_ref_sink(pooled.parameters.params);
-      }
-      commandPool_.push_back(std::move(pooled));
-      (void)params.release();  // the pool holds the reference now
-      ended = true;            // the pooled copy ends later
-      Finish(*command, CommandEnd{CommandEnd::Kind::kHeld});
-      ZV_LOGI_THD("Ipc isn't ready, move command[%s] into pool[%zu], isConnectionLost[%d]", method.c_str(),
-                  commandPool_.size(), ready_ ? 1 : 0);
+      ZV_LOGI_THD("ExecuteCommand[%s] STARTED IsReady[%d] IsConnected[%d] cmdPool[%zu]", method.c_str(), ready_ ? 1 : 0,
+                  IsConnected() ? 1 : 0, commandPool_.size());
+
+      // Readiness without a link would make every command fail at once, with
+      // nothing ever restoring the link: drop the readiness and go on as when
+      // not connected. (The layer never gets there, see linkMutex_.)
+      if (ready_ && !IsConnected()) ready_ = false;
+
+      endHere = ready_ && commandPool_.empty()
+                    ? detail::CommandExecution::RunAtOnce(*this, *command, params, ended, lock.native())
+                    : detail::CommandExecution::Hold(*this, *command, params, ended);
+    }
+    if (endHere) {
+      ended = true;
+      Finish(*command, CommandEnd{*endHere});
     }
     run.unlock();
-    DeliverQueued(lock);
+    DeliverQueued(lock.native());
+    if (endHere) return 0;
   } catch (const std::exception& exception) {
+    // Where the exception came from decides whether poolMutex_ is held
+    // (RunFunction throws with it held again); owns_lock() tells, which the
+    // analysis cannot follow.
+    if (lock.owns_lock()) poolMutex_.AssertHeldBy(lock.native());
     if (lock.owns_lock() && !ended) {
       CommandEnd end{CommandEnd::Kind::kFailedToRun};
       end.failure = exception.what();
@@ -248,7 +290,7 @@ int DBusClientAsync::ExecuteCommand(const CommandData* given) {
     }
     ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
     if (run.owns_lock()) run.unlock();
-    if (lock.owns_lock()) DeliverQueued(lock);
+    if (lock.owns_lock()) DeliverQueued(lock.native());
     return -1;
   }
   ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", command->parameters.method.c_str());
@@ -264,7 +306,7 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld, std:
   } catch (const std::exception& exception) {
     foundDeliveries_.clear();
     end.failure = exception.what();
-    poolLock.lock();
+    poolMutex_.LockThrough(poolLock);
     Finish(command, std::move(end));
     throw;
   }
@@ -275,9 +317,9 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld, std:
   if (ran && command.parameters.method == kMethodReadProfiles) end.profiles = profiles_;
   std::vector<std::function<void()>> found = std::move(foundDeliveries_);
   foundDeliveries_.clear();
-  poolLock.lock();
+  poolMutex_.LockThrough(poolLock);
   Finish(command, std::move(end));  // the end (the list) is told before the list's deliveries
-  for (auto& delivery : found) deliveries_->Add(std::move(delivery));
+  for (auto& delivery : found) deliveries_->Add(poolMutex_, std::move(delivery));
   return ran;
 }
 
@@ -301,20 +343,19 @@ void DBusClientAsync::Finish(const CommandData& command, CommandEnd end) {
       break;
   }
   if (!command.observer) return;
-  deliveries_->Add([observer = command.observer, shared = std::make_shared<const CommandEnd>(std::move(end))] {
-    observer(*shared);
-  });
+  deliveries_->Add(poolMutex_, [observer = command.observer,
+                                shared = std::make_shared<const CommandEnd>(std::move(end))] { observer(*shared); });
 }
 
 void DBusClientAsync::DeliverQueued(std::unique_lock<std::mutex>& poolLock) {
-  detail::OrderedDeliveries::Batch batch = deliveries_->Close();
-  poolLock.unlock();
+  detail::OrderedDeliveries::Batch batch = deliveries_->Close(poolMutex_);
+  poolMutex_.UnlockThrough(poolLock);
   batch.Run([] { ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence"); });
 }
 
 void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
   DBusClientAsync& self = *client;
-  std::unique_lock<std::mutex> lock(self.poolMutex_);
+  common::MutexLock lock(self.poolMutex_);
   ZV_LOGI_THD("IpcReady [%d] command pool size [%zu]", isReady ? 1 : 0, self.commandPool_.size());
   self.ResetTimer(true);
   self.ready_ = isReady;
@@ -353,13 +394,16 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
     ZV_LOGE("No thread for the replay (%s): replaying here", exception.what());
   }
   lock.unlock();
-  std::unique_lock<std::mutex> run(self.runMutex_);
-  HeldCommandsReplay{&self}(run);
+  common::MutexLock run(self.runMutex_);
+  HeldCommandsReplay{&self}(run.native());
 }
 
 void DBusClientAsync::HeldCommandsReplay::operator()(std::unique_lock<std::mutex>& runLock) const {
   DBusClientAsync& self = *client;
-  std::unique_lock<std::mutex> lock(self.poolMutex_);
+  // The caller's std::unique_lock holds runMutex_; the analysis cannot carry
+  // that across the call, nor tie the caller's client to `client`.
+  self.runMutex_.AssertHeldBy(runLock);
+  common::MutexLock lock(self.poolMutex_);
   // Stops when the daemon went again (or the layer was disconnected): what is
   // still held then waits for the next readiness.
   while (self.ready_ && !self.commandPool_.empty() && !self.closing_) {
@@ -370,14 +414,14 @@ void DBusClientAsync::HeldCommandsReplay::operator()(std::unique_lock<std::mutex
     ZV_LOGI_THD("IpcReady command[%s] STARTED", command.parameters.method.c_str());
     lock.unlock();
     try {
-      self.RunFunction(command, true, lock);
+      self.RunFunction(command, true, lock.native());
     } catch (const std::exception&) {
       ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
     }
     ZV_LOGI_THD("IpcReady command[%s] FINISHED", command.parameters.method.c_str());
   }
-  runLock.unlock();
-  self.DeliverQueued(lock);
+  self.runMutex_.UnlockThrough(runLock);
+  self.DeliverQueued(lock.native());
 }
 
 void DBusClientAsync::DiscardPool() {
@@ -394,7 +438,7 @@ bool DBusClientAsync::Connect() {
   if (closing_) return true;
   guint id = 0;
   {
-    std::lock_guard<std::mutex> lock(timerMutex_);
+    common::MutexLock lock(timerMutex_);
     if (connectTimerId_ != 0) return true;
     // The source is kept with a reference of our own, so removing it later is
     // safe even if it has just removed itself on the main-loop thread.
@@ -408,7 +452,7 @@ bool DBusClientAsync::Connect() {
   ZV_LOGI("connect id[%d]", static_cast<int>(id));
   bool lost = false;  // a restoration: the attempts tell why the daemon is not there
   {
-    std::lock_guard<std::mutex> lock(statusMutex_);
+    common::MutexLock lock(statusMutex_);
     lost = reportedState_ == LinkState::kWaitingForDaemon || reportedState_ == LinkState::kBusUnreachable;
   }
   if (!lost) ReportLink(LinkState::kConnecting, "connecting to the daemon on the system bus");
@@ -431,7 +475,7 @@ void DBusClientAsync::OnDaemonNameAppeared(GDBusConnection* /*connection*/, cons
   if (self == nullptr || nameOwner == nullptr) return;
   {
     // The watch may have been stopped after GLib queued this report.
-    std::lock_guard<std::mutex> lock(self->timerMutex_);
+    common::MutexLock lock(self->timerMutex_);
     if (self->nameWatchId_ == 0) return;
   }
   self->RequestAttempt(false);
@@ -439,7 +483,7 @@ void DBusClientAsync::OnDaemonNameAppeared(GDBusConnection* /*connection*/, cons
 
 void DBusClientAsync::RequestAttempt(bool fromTimer) {
   {
-    std::lock_guard<std::mutex> lock(attemptMutex_);
+    common::MutexLock lock(attemptMutex_);
     if (closing_) return;
     if (attemptRunning_) {
       // The running attempt may have asked before the name had an owner: one
@@ -461,7 +505,7 @@ void DBusClientAsync::RequestAttempt(bool fromTimer) {
   } catch (const std::exception& exception) {
     ZV_LOGE("No thread for a connect attempt (%s); the timer asks again", exception.what());
     gate->Leave();
-    std::lock_guard<std::mutex> lock(attemptMutex_);
+    common::MutexLock lock(attemptMutex_);
     attemptRunning_ = false;
   }
 }
@@ -469,7 +513,7 @@ void DBusClientAsync::RequestAttempt(bool fromTimer) {
 void DBusClientAsync::RunAttempts(bool fromTimer) {
   for (;;) {
     const bool connected = AttemptConnect(fromTimer);
-    std::lock_guard<std::mutex> lock(attemptMutex_);
+    common::MutexLock lock(attemptMutex_);
     if (connected || !attemptAgain_ || closing_) {
       attemptRunning_ = false;
       attemptAgain_ = false;
@@ -481,7 +525,7 @@ void DBusClientAsync::RunAttempts(bool fromTimer) {
 }
 
 bool DBusClientAsync::AttemptConnect(bool fromTimer) {
-  std::lock_guard<std::mutex> link(linkMutex_);
+  common::MutexLock link(linkMutex_);
   testing::Hook(testing::Point::kAttemptStarts);
   ZV_LOGI_THD("Try to connect to DBus server");
   if (DBusClient::Connect()) {
@@ -504,7 +548,7 @@ void DBusClientAsync::StartNameWatch() {
   guint stale = 0;
   common::GObjectPtr<GDBusConnection> staleBus;
   {
-    std::lock_guard<std::mutex> lock(timerMutex_);
+    common::MutexLock lock(timerMutex_);
     if (connectTimerId_ == 0 || closing_) return;
     if (nameWatchId_ != 0 && nameWatchBus_.get() == bus.get()) return;
     // A watch on a connection that has since closed (the bus restarted)
@@ -527,7 +571,7 @@ void DBusClientAsync::ArmRestoration() {
 void DBusClientAsync::ResetTimer(bool remove) {
   ZV_LOGI("Reset timer (remove: %d)", remove ? 1 : 0);
   {
-    std::lock_guard<std::mutex> lock(timerMutex_);
+    common::MutexLock lock(timerMutex_);
     if (remove && connectTimerId_ == 0) return;  // the watch lives only while the timer is armed
   }
   // Without `remove` the source goes too: the attempt that connected ran on
@@ -540,7 +584,7 @@ void DBusClientAsync::DropTimer() {
   guint watch = 0;
   common::GObjectPtr<GDBusConnection> watchBus;
   {
-    std::lock_guard<std::mutex> lock(timerMutex_);
+    common::MutexLock lock(timerMutex_);
     connectTimerId_ = 0;
     source = std::exchange(connectTimerSource_, nullptr);
     watch = std::exchange(nameWatchId_, 0);
@@ -559,13 +603,13 @@ bool DBusClientAsync::Disconnect() {
   }
   ZV_LOGI("Async Disconnect. Reset `ready` without the real disconnecting");
   testing::Hook(testing::Point::kDisconnectAwaitsPool);
-  std::unique_lock<std::mutex> lock(poolMutex_);
+  common::MutexLock lock(poolMutex_);
   DiscardPool();
   ready_ = false;
   ReportLink(LinkState::kHeldUntilNewOwner,
              "commands are held until the daemon's name passes to a new owner (after StopBroadcast or the daemon's "
              "closing event)");
-  DeliverQueued(lock);  // the discarded commands' ends, on this thread
+  DeliverQueued(lock.native());  // the discarded commands' ends, on this thread
   return true;
 }
 
@@ -573,10 +617,10 @@ void DBusClientAsync::Reconnect() {
   ZV_LOGI("Reconnect start");
   // No command runs and no replay happens between dropping the link and
   // arming the timer.
-  std::lock_guard<std::mutex> run(runMutex_);
+  common::MutexLock run(runMutex_);
   testing::Hook(testing::Point::kReconnectAwaitsLink);
   {
-    std::lock_guard<std::mutex> link(linkMutex_);
+    common::MutexLock link(linkMutex_);
     // A connect attempt may have restored the link while this task waited:
     // dropping it now would leave its watcher to report the daemon to a
     // client without a link.
@@ -592,7 +636,7 @@ void DBusClientAsync::Reconnect() {
 void DBusClientAsync::RestoreConnection() {
   ZV_LOGI("RestoreConnection start");
   {
-    std::lock_guard<std::mutex> lock(RestoreMutex());
+    common::MutexLock lock(detail::RestoreMutex());
     if (closing_) return;  // teardown waits for the last task
     if (reconnectFuture_.valid() && reconnectFuture_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
       ZV_LOGI("Reconnecting is still running. Return");
@@ -642,14 +686,14 @@ const char* LinkStateName(LinkState state) {
 void DBusClientAsync::SetLinkStateObserver(std::function<void(const LinkStatus&)> observer) {
   std::shared_ptr<const std::function<void(const LinkStatus&)>> replacement;
   if (observer) replacement = std::make_shared<const std::function<void(const LinkStatus&)>>(std::move(observer));
-  std::lock_guard<std::mutex> lock(statusMutex_);
+  common::MutexLock lock(statusMutex_);
   linkObserver_.swap(replacement);
 }
 
 void DBusClientAsync::ReportLink(LinkState state, std::string text, std::string busAddress, std::string error,
                                  bool onlyAfterLoss) {
   {
-    std::lock_guard<std::mutex> lock(statusMutex_);
+    common::MutexLock lock(statusMutex_);
     if (closing_ || reportedState_ == state) return;
     const bool lost = reportedState_ == LinkState::kWaitingForDaemon || reportedState_ == LinkState::kBusUnreachable;
     if (onlyAfterLoss && !lost) return;
@@ -695,7 +739,7 @@ gboolean DBusClientAsync::OnLinkStatusIdle(gpointer handle) {
   std::deque<LinkStatus> statuses;
   std::shared_ptr<const std::function<void(const LinkStatus&)>> observer;
   {
-    std::lock_guard<std::mutex> lock(self->statusMutex_);
+    common::MutexLock lock(self->statusMutex_);
     statuses.swap(self->statusQueue_);
     self->statusIdleArmed_ = false;
     observer = self->linkObserver_;

@@ -15,6 +15,7 @@
 #include <common/Export.h>
 #include <common/GLibPtr.h>
 #include <common/GLibUtils.h>
+#include <common/ThreadAnnotations.h>
 #include <dbus/client/DBusClient.h>
 #include <dbus/client/LinkState.h>
 
@@ -28,6 +29,10 @@ template <typename Item>
 class CommandIntake;
 class CommandTally;
 class OrderedDeliveries;
+struct CommandExecution;
+// Serialises the test of reconnectFuture_ with the start of a new task, for
+// every client of the process (DBusClientAsync.cpp; not exported).
+common::Mutex& RestoreMutex();
 }  // namespace detail
 
 // The command layer. Call never waits for D-Bus: each accepted command runs on
@@ -48,8 +53,8 @@ class OrderedDeliveries;
 // the attempt is made at once when the name gets an owner.
 //
 // Lock order (outermost first), extending DBusClient's:
-//   callback anchor (main-loop callbacks) -> signal mutex (a handler that calls
-//   Disconnect) -> poolMutex_;
+//   callback anchor (main-loop callbacks) -> application callback mutex (a
+//   handler that calls Disconnect) -> poolMutex_;
 //   runMutex_ -> poolMutex_ -> restoreMutex -> timerMutex_, and poolMutex_ ->
 //   DBusClient's connectionMutex_ (a base Disconnect, which never waits for
 //   the bus);
@@ -57,16 +62,17 @@ class OrderedDeliveries;
 //   timerMutex_, attemptMutex_ and the locks of the small mechanisms (intake,
 //   deliveries, gates, tally) are leaves. Only runMutex_ and linkMutex_ are
 //   ever held across a call to the daemon or the bus, and the main loop takes
-//   neither.
+//   neither. The analysis sees the order among this class's own locks
+//   (ZV_ACQUIRED_AFTER below), not that with DBusClient's private ones.
 //
 // How the hazards of this layer are closed:
 //  - Deliveries vs. Disconnect: outcomes and the "onFound" payloads of a
 //    profile read are queued under poolMutex_ and dispatched after it is
 //    released, batch by batch in the order they were queued. A thread that
-//    is inside an application callback (it holds the signal mutex) never
-//    waits for a batch's turn: its batch is put off until it left the
-//    callback, so an earlier batch waiting for the signal mutex always gets
-//    it (see OrderedDeliveries).
+//    is inside an application callback (it holds the application callback
+//    mutex) never waits for a batch's turn: its batch is put off until it
+//    left the callback, so an earlier batch waiting for that mutex always
+//    gets it (see OrderedDeliveries).
 //  - Restoration vs. a connect attempt: both run under linkMutex_, and a
 //    restoration leaves a link alone that an attempt made meanwhile; so the
 //    layer is never ready without a link (a command that found it so would
@@ -141,12 +147,12 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   ~DBusClientAsync() override;
 
   // Arms the connect retry timer; always true.
-  bool Connect() override;
+  bool Connect() override ZV_EXCLUDES(timerMutex_, statusMutex_);
   // While ready: forgets readiness and drops the held commands; keeps the
   // D-Bus link. While not ready it changes nothing (held commands stay held
   // for the next readiness). Never waits for the daemon or the bus.
-  bool Disconnect() override;
-  void Reconnect() override;
+  bool Disconnect() override ZV_EXCLUDES(poolMutex_);
+  void Reconnect() override ZV_EXCLUDES(runMutex_, linkMutex_);
   // Accepts `method` for execution and returns at once: true when accepted,
   // false for a method outside the command table. Takes over the caller's
   // reference to `params` in every case. Never writes `result`.
@@ -163,26 +169,30 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   bool Submit(const std::string& method, GVariant* params, int timeout, CommandObserver observer);
 
   // Runs or pools `command`, whose params reference this layer owns.
-  int ExecuteCommand(const CommandData& command);
-  void RestoreConnection();
-  void ResetTimer(bool remove);
+  int ExecuteCommand(const CommandData& command) ZV_EXCLUDES(runMutex_, poolMutex_);
+  void RestoreConnection() ZV_EXCLUDES(detail::RestoreMutex());
+  void ResetTimer(bool remove) ZV_EXCLUDES(timerMutex_);
 
   Counts GetCounts();
 
   // Told every change of the link's state, on the main-loop thread (the
   // default main context), in order; none after the client's destruction
   // began. Replaces the observer set before.
-  void SetLinkStateObserver(std::function<void(const LinkStatus&)> observer);
+  void SetLinkStateObserver(std::function<void(const LinkStatus&)> observer) ZV_EXCLUDES(statusMutex_);
 
  private:
   // An accepted command, or (empty) the replay of the held commands, in the
   // order in which library threads take them.
   using IntakeItem = std::optional<CommandData>;
 
+  friend struct detail::CommandExecution;  // the two ways ExecuteCommand takes a command
+
   void SetFunctions();
   // The two command functions of the table, the IpcReady handler and the
   // replay it hands over: small callables that hold the client pointer and
-  // nothing else.
+  // nothing else. The analysis cannot tie the lock of `client` that a caller
+  // holds to the functor's own `client`, so each says at its start which
+  // locks it finds held.
   struct ForwardingCommand {
     DBusClientAsync* client;
     bool operator()(const CommandData::Parameters& parameters) const;
@@ -197,83 +207,91 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   };
   struct HeldCommandsReplay {
     DBusClientAsync* client;
-    void operator()(std::unique_lock<std::mutex>& runLock) const;  // runMutex_ held; released before deliveries
+    // runMutex_ held by `runLock`, and released before the deliveries.
+    // (This, RunFunction and DeliverQueued take a std::unique_lock rather
+    // than a common::MutexLock: their signatures are exported.)
+    void operator()(std::unique_lock<std::mutex>& runLock) const;
   };
   // Starts a thread that takes the oldest item of the intake; throws when
   // no thread can be started (the item is then not put in).
   void StartIntakeThread(IntakeItem item);
-  int ExecuteCommand(const CommandData* given);  // null: the oldest accepted command
+  // null: the oldest accepted command
+  int ExecuteCommand(const CommandData* given) ZV_EXCLUDES(runMutex_, poolMutex_);
   // Runs the command's function and ends it as run (a throw passes on).
-  // runMutex_ held and `poolLock` released on entry; `poolLock` held on
+  // `poolLock` (a std::unique_lock on poolMutex_) released on entry, held on
   // every way out.
-  bool RunFunction(const CommandData& command, bool wasHeld, std::unique_lock<std::mutex>& poolLock);
+  bool RunFunction(const CommandData& command, bool wasHeld, std::unique_lock<std::mutex>& poolLock)
+      ZV_REQUIRES(runMutex_) ZV_ACQUIRE(poolMutex_);
   // Ends `command`: counts it and queues its observer's call.
-  void Finish(const CommandData& command, CommandEnd end);  // poolMutex_ held
-  void DiscardPool();                                       // poolMutex_ held
-  // Runs what was queued under poolMutex_, releasing it first.
-  void DeliverQueued(std::unique_lock<std::mutex>& poolLock);
+  void Finish(const CommandData& command, CommandEnd end) ZV_REQUIRES(poolMutex_);
+  void DiscardPool() ZV_REQUIRES(poolMutex_);
+  // Runs what was queued under poolMutex_, releasing it (`poolLock`) first.
+  void DeliverQueued(std::unique_lock<std::mutex>& poolLock) ZV_RELEASE(poolMutex_);
 
   // Asks for a connect attempt on a library thread; one runs at a time.
-  void RequestAttempt(bool fromTimer);
+  void RequestAttempt(bool fromTimer) ZV_EXCLUDES(attemptMutex_);
   // The attempts of one attempt thread: the one asked for, and one more for
   // each request that came while it ran.
-  void RunAttempts(bool fromTimer);
+  void RunAttempts(bool fromTimer) ZV_EXCLUDES(attemptMutex_);
   // One connect attempt; true when connected. Takes linkMutex_.
-  bool AttemptConnect(bool fromTimer);
-  void StartNameWatch();
+  bool AttemptConnect(bool fromTimer) ZV_EXCLUDES(linkMutex_);
+  void StartNameWatch() ZV_EXCLUDES(timerMutex_);
   // Arms the retry timer and, while it is armed, the watch on the daemon's name.
-  void ArmRestoration();
+  void ArmRestoration() ZV_EXCLUDES(timerMutex_, statusMutex_);
   // Forgets the timer and the name watch; removes the timer's source.
-  void DropTimer();
+  void DropTimer() ZV_EXCLUDES(timerMutex_);
   // Queues a change of the link's state for the main loop (unchanged states
   // are not told; with `onlyAfterLoss`, only one that follows a loss).
   void ReportLink(LinkState state, std::string text, std::string busAddress = {}, std::string error = {},
-                  bool onlyAfterLoss = false);
+                  bool onlyAfterLoss = false) ZV_EXCLUDES(statusMutex_);
   // The state an attempt's failure means.
-  void ReportConnectFailure();
+  void ReportConnectFailure() ZV_EXCLUDES(statusMutex_);
   static gboolean OnLinkStatusIdle(gpointer handle);
   static gboolean OnConnectTimer(gpointer handle);
   static void OnDaemonNameAppeared(GDBusConnection* connection, const char* name, const char* nameOwner, void* handle);
 
-  GVariant* lastReply_ = nullptr;                 // owned; guarded by runMutex_
-  std::vector<common::SessionProfile> profiles_;  // guarded by runMutex_
+  GVariant* lastReply_ ZV_GUARDED_BY(runMutex_) = nullptr;  // owned
+  std::vector<common::SessionProfile> profiles_ ZV_GUARDED_BY(runMutex_);
   std::map<std::string, std::function<bool(const CommandData::Parameters&)>> functions_;  // fixed after construction
   // Guards the pool, readiness and what is queued for delivery; never held
   // across a call to the daemon or the bus (the main loop takes it).
-  std::mutex poolMutex_;
-  std::deque<CommandData> commandPool_;  // guarded by poolMutex_; holds a full ref to each params
-  guint connectTimerId_ = 0;             // guarded by timerMutex_
-  std::future<bool> reconnectFuture_;    // guarded by the process-wide restore mutex
-  std::atomic<bool> ready_{false};       // written under poolMutex_
-  std::mutex timerMutex_;
-  std::string activeCommand_;  // guarded by poolMutex_
+  common::Mutex poolMutex_ ZV_ACQUIRED_AFTER(runMutex_);
+  std::deque<CommandData> commandPool_ ZV_GUARDED_BY(poolMutex_);  // holds a full ref to each params
+  guint connectTimerId_ ZV_GUARDED_BY(timerMutex_) = 0;
+  std::future<bool> reconnectFuture_ ZV_GUARDED_BY(detail::RestoreMutex());
+  std::atomic<bool> ready_{false};  // written under poolMutex_
+  common::Mutex timerMutex_ ZV_ACQUIRED_AFTER(poolMutex_, linkMutex_);
+  std::string activeCommand_ ZV_GUARDED_BY(poolMutex_);
 
   // Held while a command's function runs (its D-Bus call) and across a
   // replay and a restoration: commands never overlap, and run in the order
   // the intake hands them out.
-  std::mutex runMutex_;
-  common::GErrorPtr lastError_;  // why the last call failed; guarded by runMutex_
-  // The "onFound" deliveries of the profile read running now; guarded by runMutex_.
-  std::vector<std::function<void()>> foundDeliveries_;
-  GSource* connectTimerSource_ = nullptr;  // owned ref to the armed timer; guarded by timerMutex_
-  guint nameWatchId_ = 0;                  // the daemon's name while the timer is armed; guarded by timerMutex_
-  common::GObjectPtr<GDBusConnection> nameWatchBus_;  // the connection it watches on; guarded by timerMutex_
-  std::mutex linkMutex_;                               // see "Restoration vs. a connect attempt" above
-  std::mutex attemptMutex_;
-  bool attemptRunning_ = false;  // guarded by attemptMutex_
-  bool attemptAgain_ = false;    // the name got an owner during the running attempt; guarded by attemptMutex_
+  common::Mutex runMutex_;
+  common::GErrorPtr lastError_ ZV_GUARDED_BY(runMutex_);  // why the last call failed
+  // The "onFound" deliveries of the profile read running now.
+  std::vector<std::function<void()>> foundDeliveries_ ZV_GUARDED_BY(runMutex_);
+  GSource* connectTimerSource_ ZV_GUARDED_BY(timerMutex_) = nullptr;  // owned ref to the armed timer
+  guint nameWatchId_ ZV_GUARDED_BY(timerMutex_) = 0;                  // the daemon's name while the timer is armed
+  common::GObjectPtr<GDBusConnection> nameWatchBus_ ZV_GUARDED_BY(timerMutex_);  // the connection it watches on
+  // See "Restoration vs. a connect attempt" above.
+  common::Mutex linkMutex_ ZV_ACQUIRED_AFTER(runMutex_);
+  common::Mutex attemptMutex_;
+  bool attemptRunning_ ZV_GUARDED_BY(attemptMutex_) = false;
+  bool attemptAgain_ ZV_GUARDED_BY(attemptMutex_) = false;  // the name got an owner during the running attempt
   // The last task's Reconnect is done (a timer it armed may since have been
   // removed); written under the restore mutex and by the task.
   std::atomic<bool> reconnectPassed_{false};
   std::atomic<bool> draining_{false};  // set first in the destructor: nothing new is pooled
   std::atomic<bool> closing_{false};   // set after the grace period: nothing new runs
-  std::mutex statusMutex_;                      // a leaf
-  std::optional<LinkState> reportedState_;      // guarded by statusMutex_
-  std::deque<LinkStatus> statusQueue_;          // not yet told; guarded by statusMutex_
-  bool statusIdleArmed_ = false;                // guarded by statusMutex_
-  std::shared_ptr<const std::function<void(const LinkStatus&)>> linkObserver_;  // guarded by statusMutex_
+  common::Mutex statusMutex_;          // a leaf
+  std::optional<LinkState> reportedState_ ZV_GUARDED_BY(statusMutex_);
+  std::deque<LinkStatus> statusQueue_ ZV_GUARDED_BY(statusMutex_);  // not yet told
+  bool statusIdleArmed_ ZV_GUARDED_BY(statusMutex_) = false;
+  std::shared_ptr<const std::function<void(const LinkStatus&)>> linkObserver_ ZV_GUARDED_BY(statusMutex_);
   std::unique_ptr<detail::CommandIntake<IntakeItem>> intake_;
-  std::unique_ptr<detail::OrderedDeliveries> deliveries_;  // what runs after poolMutex_ is released
+  // What runs after poolMutex_ is released; batches are added and closed
+  // under poolMutex_.
+  std::unique_ptr<detail::OrderedDeliveries> deliveries_;
   std::unique_ptr<detail::CommandTally> tally_;
   std::shared_ptr<detail::CommandGate> gate_;      // command threads and replays
   std::shared_ptr<detail::CommandGate> linkGate_;  // connect attempts and restorations

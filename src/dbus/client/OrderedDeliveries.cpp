@@ -73,9 +73,11 @@ void OrderedDeliveries::Batch::Run(std::function<void()> failed) {
   RunPutOff();
 }
 
-void OrderedDeliveries::Add(Action action) { pending_.push_back(std::move(action)); }
+void OrderedDeliveries::Add(const common::Mutex& /*orderLock*/, Action action) {
+  pending_.push_back(std::move(action));
+}
 
-OrderedDeliveries::Batch OrderedDeliveries::Close() {
+OrderedDeliveries::Batch OrderedDeliveries::Close(const common::Mutex& /*orderLock*/) {
   Batch batch;
   if (pending_.empty()) return batch;
   batch.owner_ = this;
@@ -85,12 +87,12 @@ OrderedDeliveries::Batch OrderedDeliveries::Close() {
 }
 
 void OrderedDeliveries::AwaitTurn(std::uint64_t ticket) {
-  std::unique_lock<std::mutex> lock(turnMutex_);
-  turn_.wait(lock, [&] { return serving_ == ticket; });
+  common::MutexLock lock(turnMutex_);
+  while (serving_ != ticket) turn_.wait(lock.native());
 }
 
 void OrderedDeliveries::PassTurn() {
-  std::lock_guard<std::mutex> lock(turnMutex_);
+  common::MutexLock lock(turnMutex_);
   ++serving_;
   turn_.notify_all();
 }
@@ -99,14 +101,15 @@ bool OrderedDeliveries::RunningOnThisThread() const {
   return std::find(runningHere.begin(), runningHere.end(), this) != runningHere.end();
 }
 
-CallbackExclusion::CallbackExclusion(std::recursive_mutex& mutex) : mutex_(mutex) {
-  mutex_.lock();
+CallbackExclusion::CallbackExclusion(common::RecursiveMutex& applicationCallbackMutex)
+    : applicationCallbackMutex_(applicationCallbackMutex) {
+  applicationCallbackMutex_.lock();
   ++callbackDepth;
 }
 
 CallbackExclusion::~CallbackExclusion() {
   --callbackDepth;
-  mutex_.unlock();
+  applicationCallbackMutex_.unlock();
   OrderedDeliveries::RunPutOff();
 }
 

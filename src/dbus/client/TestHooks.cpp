@@ -4,6 +4,8 @@
 #include <memory>
 #include <mutex>
 
+#include <common/ThreadAnnotations.h>
+
 namespace zv_client {
 namespace dbus {
 namespace client {
@@ -11,8 +13,8 @@ namespace testing {
 namespace {
 
 struct Installed {
-  std::mutex mutex;
-  std::shared_ptr<const std::function<void(Point)>> hook;  // guarded by mutex
+  common::Mutex mutex;
+  std::shared_ptr<const std::function<void(Point)>> hook ZV_GUARDED_BY(mutex);
   std::atomic<bool> any{false};
 };
 
@@ -27,7 +29,7 @@ void SetHook(std::function<void(Point)> hook) {
   Installed& state = State();
   std::shared_ptr<const std::function<void(Point)>> replacement;
   if (hook) replacement = std::make_shared<const std::function<void(Point)>>(std::move(hook));
-  std::lock_guard<std::mutex> lock(state.mutex);
+  common::MutexLock lock(state.mutex);
   state.any = replacement != nullptr;
   state.hook.swap(replacement);
 }
@@ -37,7 +39,7 @@ void Hook(Point point) {
   if (!state.any.load(std::memory_order_relaxed)) return;
   std::shared_ptr<const std::function<void(Point)>> hook;
   {
-    std::lock_guard<std::mutex> lock(state.mutex);
+    common::MutexLock lock(state.mutex);
     hook = state.hook;
   }
   if (hook) (*hook)(point);
