@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "Phases.h"
 

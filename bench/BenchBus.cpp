@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <exception>
 
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "Report.h"
 #include "Sides.h"

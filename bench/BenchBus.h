@@ -10,7 +10,7 @@
 
 #include <gio/gio.h>
 
-#include <common/GLibPtr.h>
+#include <zorvel/common/GLibPtr.h>
 
 #include "Options.h"
 #include "harness/Processes.h"

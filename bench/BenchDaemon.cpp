@@ -43,10 +43,10 @@
 #include <gio/gio.h>
 #include <glib-unix.h>
 
-#include <common/BusConnection.h>
-#include <common/GLibPtr.h>
-#include <common/GLibUtils.h>
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/common/BusConnection.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "Timing.h"
 

@@ -13,7 +13,7 @@
 #include <fstream>
 #include <thread>
 
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "Phases.h"
 

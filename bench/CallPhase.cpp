@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "Phases.h"
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include <platform/Journal.h>
+#include <zorvel/platform/Journal.h>
 
 #include "Timing.h"
 #include "harness/PrivateJournal.h"

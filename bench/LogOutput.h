@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include <platform/SystemLog.h>
+#include <zorvel/platform/SystemLog.h>
 
 namespace zv_bench {
 

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <thread>
 
-#include <common/GLibUtils.h>
-#include <platform/SystemLog.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/platform/SystemLog.h>
 
 #include "ForkedChild.h"
 #include "Phases.h"

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <random>
 
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "Phases.h"
 

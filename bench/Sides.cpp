@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <exception>
 
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 #include <zorvel/LauncherTesting.h>
 
 #include "Report.h"

@@ -12,9 +12,9 @@
 
 #include <gio/gio.h>
 
-#include <common/GLibPtr.h>
-#include <common/GLibUtils.h>
-#include <dbus/client/DBusClientAsync.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/dbus/client/DBusClientAsync.h>
 #include <zorvel/Launcher.h>
 
 #include "Probe.h"

@@ -14,11 +14,11 @@
 
 #include <unistd.h>
 
-#include <common/GLibPtr.h>
-#include <common/GLibUtils.h>
-#include <dbus/client/DBusClient.h>
-#include <dbus/client/ServiceContract.h>
-#include <platform/SystemLog.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/dbus/client/DBusClient.h>
+#include <zorvel/dbus/client/ServiceContract.h>
+#include <zorvel/platform/SystemLog.h>
 #include <zorvel/Launcher.h>
 #include <zorvel/LauncherTesting.h>
 

@@ -14,9 +14,9 @@
 #include <string>
 #include <utility>
 
-#include <common/GLibPtr.h>
-#include <common/GLibUtils.h>
-#include <platform/SystemLog.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/platform/SystemLog.h>
 
 #include "FuzzInput.h"
 

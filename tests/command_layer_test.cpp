@@ -9,9 +9,9 @@
 #include <list>
 #include <random>
 
-#include <common/GLibUtils.h>
-#include <dbus/client/DBusClientAsync.h>
-#include <dbus/client/TestHooks.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/dbus/client/DBusClientAsync.h>
+#include <zorvel/dbus/client/TestHooks.h>
 
 #include "support/BusTest.h"
 #include "support/VariantProbe.h"

@@ -21,10 +21,10 @@
 #include <tuple>
 #include <vector>
 
-#include <common/GLibPtr.h>
-#include <common/GLibUtils.h>
-#include <platform/Log.h>
-#include <platform/SystemLog.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/platform/Log.h>
+#include <zorvel/platform/SystemLog.h>
 
 #include "harness/PrivateJournal.h"
 #include "support/LogCapture.h"

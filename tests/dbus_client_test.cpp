@@ -4,9 +4,9 @@
 #include <stdexcept>
 #include <thread>
 
-#include <common/GLibUtils.h>
-#include <dbus/client/DBusClient.h>
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/dbus/client/DBusClient.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "support/BusTest.h"
 #include "support/VariantProbe.h"

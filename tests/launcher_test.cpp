@@ -7,9 +7,9 @@
 #include <tuple>
 #include <utility>
 
-#include <common/GLibUtils.h>
-#include <dbus/client/DBusClientAsync.h>
-#include <dbus/client/TestHooks.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/dbus/client/DBusClientAsync.h>
+#include <zorvel/dbus/client/TestHooks.h>
 #include <zorvel/Launcher.h>
 #include <zorvel/LauncherTesting.h>
 

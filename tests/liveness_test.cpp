@@ -7,10 +7,10 @@
 
 #include <system_error>
 
-#include <common/GLibUtils.h>
-#include <dbus/client/CallbackAnchor.h>
-#include <dbus/client/DBusClientAsync.h>
-#include <dbus/client/TestHooks.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/dbus/client/CallbackAnchor.h>
+#include <zorvel/dbus/client/DBusClientAsync.h>
+#include <zorvel/dbus/client/TestHooks.h>
 #include <zorvel/Launcher.h>
 #include <zorvel/LauncherTesting.h>
 

@@ -1,11 +1,11 @@
-#include <common/GLibUtils.h>
+#include <zorvel/common/GLibUtils.h>
 
 #include <cstring>
 #include <initializer_list>
 #include <stdexcept>
 
-#include <common/GLibPtr.h>
-#include <platform/Log.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/platform/Log.h>
 
 namespace {
 constexpr char kLogTag[] = "zorvel.common";

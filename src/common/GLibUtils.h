@@ -15,7 +15,7 @@
 
 #include <glib.h>
 
-#include <common/Export.h>
+#include <zorvel/platform/Export.h>
 
 namespace zv_client {
 namespace common {

@@ -1,4 +1,4 @@
-#include <platform/Journal.h>
+#include <zorvel/platform/Journal.h>
 
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -21,9 +21,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <utility>
+
+#include <zorvel/common/ThreadAnnotations.h>
 
 // libsystemd owns the journal's wire protocol (framing, large entries through
 // a memfd, its socket). What stays here is knowing when nobody listens, so
@@ -119,7 +120,8 @@ void SendNow(LogBuffer buffer, LogPriority priority, const char* tag, const Code
 // writer: lines that find the queue full are dropped and counted, an error
 // line waits at most kErrorWait for itself and the lines before it, and exit
 // waits at most kDrainWait. Lines still queued when the process crashes or
-// the drain gives up are the price.
+// the drain gives up are the price. Only where no thread can be started does
+// a logging thread send, and then it may wait.
 class Writer {
  public:
   static Writer& Get() {
@@ -131,7 +133,7 @@ class Writer {
             std::size_t length) {
     Entry entry{buffer, priority, tag, site, std::string(message, length)};  // built before taking the lock
     State& state = *state_;
-    std::unique_lock<std::mutex> lock(state.mutex);
+    common::MutexLock lock(state.mutex);
     if (!state.started && !Start(state)) {  // no thread to be had: the line goes out from here
       lock.unlock();
       SendNow(buffer, priority, tag, site, message, length);
@@ -144,7 +146,11 @@ class Writer {
     state.queue.push_back(std::move(entry));
     const std::uint64_t mine = ++state.queued;
     if (state.queue.size() == 1) state.wake.notify_one();
-    if (priority == LogPriority::kError) state.sent.wait_for(lock, kErrorWait, [&] { return state.done >= mine; });
+    if (priority != LogPriority::kError) return;
+    const auto deadline = std::chrono::steady_clock::now() + kErrorWait;
+    while (state.done < mine) {
+      if (state.sent.wait_until(lock.native(), deadline) == std::cv_status::timeout) break;
+    }
   }
 
  private:
@@ -159,15 +165,15 @@ class Writer {
   // Everything the writer shares with the threads that log, in one place, so
   // that a forked child can swap it whole for a fresh one.
   struct State {
-    std::mutex mutex;                // a leaf: nothing is called under it that logs or locks
-    std::condition_variable wake;    // the queue got a line
-    std::condition_variable sent;    // `done` moved
-    std::deque<Entry> queue;         // guarded by mutex
-    std::uint64_t queued = 0;        // lines ever queued; guarded by mutex
-    std::uint64_t done = 0;          // of those, sent; guarded by mutex
-    std::uint64_t dropped = 0;       // refused by a full queue since the last notice; guarded by mutex
-    bool started = false;            // whether the writer thread runs; guarded by mutex
-    std::deque<Entry> sending;       // the writer thread's own
+    common::Mutex mutex;           // a leaf: nothing is called under it that logs or locks
+    std::condition_variable wake;  // the queue got a line
+    std::condition_variable sent;  // `done` moved
+    std::deque<Entry> queue ZV_GUARDED_BY(mutex);
+    std::uint64_t queued ZV_GUARDED_BY(mutex) = 0;   // lines ever queued
+    std::uint64_t done ZV_GUARDED_BY(mutex) = 0;     // of those, sent
+    std::uint64_t dropped ZV_GUARDED_BY(mutex) = 0;  // refused by a full queue since the last notice
+    bool started ZV_GUARDED_BY(mutex) = false;       // whether the writer thread runs
+    std::deque<Entry> sending;                       // the writer thread's own
     const State* parents = nullptr;  // a forked child's: the parent's, never used, kept for leak checkers
   };
 
@@ -191,7 +197,7 @@ class Writer {
     std::atexit([] { Get().Drain(); });
   }
 
-  static bool Start(State& state) {  // state.mutex held
+  static bool Start(State& state) ZV_REQUIRES(state.mutex) {
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) return false;
     pthread_t thread;
@@ -204,13 +210,13 @@ class Writer {
 
   static void* Run(void* argument) {
     State& state = *static_cast<State*>(argument);
-    std::unique_lock<std::mutex> lock(state.mutex);
+    common::MutexLock lock(state.mutex);
     for (;;) {
-      state.wake.wait(lock, [&] { return !state.queue.empty(); });
+      while (state.queue.empty()) state.wake.wait(lock.native());
       state.sending.swap(state.queue);
       const std::uint64_t last = state.queued;
-      // Lines are dropped only while the queue is full, so after every line
-      // it holds now and before any line queued from now on.
+      // Lines are dropped only while the queue is full: after every line it
+      // holds now, before any queued from now on. The notice follows them.
       const std::uint64_t dropped = std::exchange(state.dropped, 0);
       lock.unlock();
       for (const Entry& entry : state.sending) {
@@ -234,10 +240,13 @@ class Writer {
 
   void Drain() {
     State& state = *state_;
-    std::unique_lock<std::mutex> lock(state.mutex);
+    common::MutexLock lock(state.mutex);
     if (!state.started) return;
     const std::uint64_t all = state.queued;
-    state.sent.wait_for(lock, kDrainWait, [&] { return state.done >= all; });
+    const auto deadline = std::chrono::steady_clock::now() + kDrainWait;
+    while (state.done < all) {
+      if (state.sent.wait_until(lock.native(), deadline) == std::cv_status::timeout) break;
+    }
   }
 
   // Replaced only in a forked child, while it has a single thread.

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include <platform/SystemLog.h>
+#include <zorvel/platform/SystemLog.h>
 
 namespace zv_client {
 namespace platform {

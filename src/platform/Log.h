@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <type_traits>
 
-#include <platform/SystemLog.h>
+#include <zorvel/platform/SystemLog.h>
 
 namespace zv_client {
 namespace platform {

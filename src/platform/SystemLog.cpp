@@ -1,4 +1,4 @@
-#include <platform/SystemLog.h>
+#include <zorvel/platform/SystemLog.h>
 
 #include <strings.h>
 
@@ -13,9 +13,9 @@
 #include <string>
 #include <thread>
 
-#include <common/ThreadAnnotations.h>
-#include <platform/Journal.h>
-#include <platform/Log.h>
+#include <zorvel/common/ThreadAnnotations.h>
+#include <zorvel/platform/Journal.h>
+#include <zorvel/platform/Log.h>
 
 namespace zv_client {
 namespace platform {

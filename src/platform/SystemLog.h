@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include <platform/Export.h>
+#include <zorvel/platform/Export.h>
 
 namespace zv_client {
 namespace platform {

@@ -5,13 +5,13 @@
 #include <memory>
 #include <utility>
 
-#include <common/GLibPtr.h>
-#include <common/ThreadAnnotations.h>
-#include <dbus/client/ClientInternals.h>
-#include <dbus/client/DBusClientAsync.h>
-#include <dbus/client/OrderedDeliveries.h>
-#include <dbus/client/ServiceContract.h>
-#include <platform/Log.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/common/ThreadAnnotations.h>
+#include <zorvel/dbus/client/ClientInternals.h>
+#include <zorvel/dbus/client/DBusClientAsync.h>
+#include <zorvel/dbus/client/OrderedDeliveries.h>
+#include <zorvel/dbus/client/ServiceContract.h>
+#include <zorvel/platform/Log.h>
 #include <zorvel/LauncherTesting.h>
 #include <zorvel/SharedClient.h>
 

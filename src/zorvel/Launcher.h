@@ -123,10 +123,10 @@
 #include <string>
 #include <vector>
 
-#include <common/Export.h>
-#include <common/GLibUtils.h>
-#include <common/ThreadAnnotations.h>
-#include <dbus/client/LinkState.h>
+#include <zorvel/platform/Export.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/common/ThreadAnnotations.h>
+#include <zorvel/dbus/client/LinkState.h>
 
 namespace zv_client {
 namespace zorvel {

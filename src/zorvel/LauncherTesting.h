@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include <dbus/client/DBusClient.h>
+#include <zorvel/dbus/client/DBusClient.h>
 
 namespace zv_client {
 namespace zorvel {

@@ -5,10 +5,10 @@
 #include <mutex>
 #include <utility>
 
-#include <common/ThreadAnnotations.h>
-#include <dbus/client/ClientInternals.h>
-#include <dbus/client/ServiceContract.h>
-#include <platform/Journal.h>
+#include <zorvel/common/ThreadAnnotations.h>
+#include <zorvel/dbus/client/ClientInternals.h>
+#include <zorvel/dbus/client/ServiceContract.h>
+#include <zorvel/platform/Journal.h>
 
 namespace zv_client {
 namespace zorvel {

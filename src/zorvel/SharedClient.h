@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include <dbus/client/DBusClientAsync.h>
+#include <zorvel/dbus/client/DBusClientAsync.h>
 
 namespace zv_client {
 namespace zorvel {

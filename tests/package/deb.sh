@@ -98,7 +98,7 @@ has libzorvel1 "${lib}/libzorvel\.so\.${version//./\\.}$"
 has libzorvel-dev "${lib}/libzorvel\.so$"
 has libzorvel-dev "${lib}/pkgconfig/zorvel\.pc$"
 has libzorvel-dev "${lib}/cmake/zorvel/zorvelConfig\.cmake$"
-has libzorvel-dev "^\./usr/include/zorvel/zorvel/Launcher\.h$"
+has libzorvel-dev "^\./usr/include/zorvel/Launcher\.h$"
 for doc in README.md CHANGELOG.md LICENSE data/private-bus.conf examples/CMakeLists.txt examples/launcher_example.cpp; do
   has libzorvel-dev "^\./usr/share/doc/zorvel/${doc//./\\.}$"
 done
@@ -151,7 +151,7 @@ flags=$(PKG_CONFIG_PATH="${prefix}/${libdir}/pkgconfig" pkg-config --cflags --li
 seen=""
 for flag in ${flags}; do
   case "${flag}" in
-    -I*/include/zorvel) [[ $(realpath -m "${flag#-I}") == "${prefix}/include/zorvel" ]] && seen+=I ;;
+    -I*/include) [[ $(realpath -m "${flag#-I}") == "${prefix}/include" ]] && seen+=I ;;
     -L*) [[ $(realpath -m "${flag#-L}") == "${prefix}/${libdir}" ]] && seen+=L ;;
   esac
 done

@@ -14,9 +14,8 @@ set(expected
   ${LIBDIR}/cmake/zorvel/zorvelConfig.cmake
   ${LIBDIR}/cmake/zorvel/zorvelConfigVersion.cmake
   ${LIBDIR}/cmake/zorvel/zorvelTargets.cmake
-  include/zorvel/zorvel/Launcher.h
-  include/zorvel/zorvel/Version.h
-  include/zorvel/common/Export.h
+  include/zorvel/Launcher.h
+  include/zorvel/Version.h
   include/zorvel/common/GLibPtr.h
   include/zorvel/common/GLibUtils.h
   include/zorvel/common/ThreadAnnotations.h
@@ -31,7 +30,7 @@ set(internal
   include/zorvel/platform/Log.h
   include/zorvel/platform/Journal.h
   include/zorvel/dbus/client/CallbackAnchor.h
-  include/zorvel/zorvel/LauncherTesting.h)
+  include/zorvel/LauncherTesting.h)
 foreach(file ${expected})
   if(NOT EXISTS ${PREFIX}/${file})
     message(FATAL_ERROR "not installed: ${file}")
@@ -49,7 +48,7 @@ foreach(link libzorvel.so libzorvel.so.1)
 endforeach()
 # Every installed public header must compile on its own: none may reach for an
 # internal header that was left out.
-file(GLOB_RECURSE headers RELATIVE ${PREFIX}/include/zorvel ${PREFIX}/include/zorvel/*.h)
+file(GLOB_RECURSE headers RELATIVE ${PREFIX}/include ${PREFIX}/include/zorvel/*.h)
 execute_process(COMMAND pkg-config --cflags glib-2.0 gio-2.0 OUTPUT_VARIABLE glib_cflags
   OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE result)
 if(NOT result EQUAL 0)
@@ -60,7 +59,7 @@ set(probe ${PREFIX}/../header-probe.cpp)
 foreach(header ${headers})
   file(WRITE ${probe} "#include <${header}>\n")
   execute_process(COMMAND ${CXX} -std=c++17 -fsyntax-only -Wall -Wextra -Wshadow -Werror
-                          -I${PREFIX}/include/zorvel ${glib_cflags} ${probe}
+                          -I${PREFIX}/include ${glib_cflags} ${probe}
     RESULT_VARIABLE result)
   if(NOT result EQUAL 0)
     message(FATAL_ERROR "installed header does not compile on its own: ${header}")

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include <platform/SystemLog.h>
+#include <zorvel/platform/SystemLog.h>
 
 #include "support/Wait.h"
 

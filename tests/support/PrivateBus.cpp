@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include <dbus/client/CallbackAnchor.h>
+#include <zorvel/dbus/client/CallbackAnchor.h>
 
 #include "harness/Processes.h"
 

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "harness/Processes.h"
 #include "support/PrivateBus.h"

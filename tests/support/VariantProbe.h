@@ -5,7 +5,7 @@
 
 #include <gio/gio.h>
 
-#include <dbus/client/CallbackAnchor.h>
+#include <zorvel/dbus/client/CallbackAnchor.h>
 
 namespace zv_client {
 namespace testing {

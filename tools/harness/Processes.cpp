@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include <common/BusConnection.h>
+#include <zorvel/common/BusConnection.h>
 
 namespace zv_client {
 namespace testing {

@@ -14,7 +14,7 @@
 
 #include <gio/gio.h>
 
-#include <common/GLibPtr.h>
+#include <zorvel/common/GLibPtr.h>
 
 namespace zv_client {
 namespace testing {

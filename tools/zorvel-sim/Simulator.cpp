@@ -6,8 +6,8 @@
 #include <cstring>
 #include <utility>
 
-#include <common/BusConnection.h>
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/common/BusConnection.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "InterfaceXml.h"
 

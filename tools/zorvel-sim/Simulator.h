@@ -22,8 +22,8 @@
 
 #include <gio/gio.h>
 
-#include <common/GLibPtr.h>
-#include <common/GLibUtils.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/common/GLibUtils.h>
 
 namespace zv_sim {
 

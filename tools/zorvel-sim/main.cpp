@@ -11,7 +11,7 @@
 
 #include <glib-unix.h>
 
-#include <platform/SystemLog.h>
+#include <zorvel/platform/SystemLog.h>
 #include <zorvel/Version.h>
 
 #include "Simulator.h"

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include <dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 namespace zorvelctl {
 namespace {

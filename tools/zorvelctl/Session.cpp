@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <thread>
 
-#include <common/BusConnection.h>
-#include <common/GLibPtr.h>
-#include <dbus/client/ServiceContract.h>
-#include <platform/SystemLog.h>
+#include <zorvel/common/BusConnection.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/dbus/client/ServiceContract.h>
+#include <zorvel/platform/SystemLog.h>
 
 namespace zorvelctl {
 namespace {

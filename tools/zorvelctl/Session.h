@@ -35,7 +35,7 @@
 
 #include <gio/gio.h>
 
-#include <common/GLibPtr.h>
+#include <zorvel/common/GLibPtr.h>
 #include <zorvel/Launcher.h>
 
 #include "Options.h"

@@ -8,7 +8,7 @@
 
 #include <memory>
 
-#include <common/ThreadAnnotations.h>
+#include <zorvel/common/ThreadAnnotations.h>
 
 namespace zv_client {
 namespace dbus {

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include <common/ThreadAnnotations.h>
-#include <dbus/client/DBusClient.h>
+#include <zorvel/common/ThreadAnnotations.h>
+#include <zorvel/dbus/client/DBusClient.h>
 
 namespace zv_client {
 namespace dbus {

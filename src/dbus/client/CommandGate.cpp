@@ -1,4 +1,4 @@
-#include <dbus/client/CommandGate.h>
+#include <zorvel/dbus/client/CommandGate.h>
 
 namespace zv_client {
 namespace dbus {

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <mutex>
 
-#include <common/ThreadAnnotations.h>
+#include <zorvel/common/ThreadAnnotations.h>
 
 namespace zv_client {
 namespace dbus {

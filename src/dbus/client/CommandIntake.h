@@ -4,7 +4,7 @@
 #include <mutex>
 #include <utility>
 
-#include <common/ThreadAnnotations.h>
+#include <zorvel/common/ThreadAnnotations.h>
 
 namespace zv_client {
 namespace dbus {

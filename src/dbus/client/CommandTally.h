@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <mutex>
 
-#include <common/ThreadAnnotations.h>
-#include <dbus/client/DBusClientAsync.h>
+#include <zorvel/common/ThreadAnnotations.h>
+#include <zorvel/dbus/client/DBusClientAsync.h>
 
 namespace zv_client {
 namespace dbus {

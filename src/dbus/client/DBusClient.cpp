@@ -1,14 +1,14 @@
-#include <dbus/client/DBusClient.h>
+#include <zorvel/dbus/client/DBusClient.h>
 
 #include <exception>
 #include <utility>
 
-#include <common/BusConnection.h>
-#include <dbus/client/CallbackAnchor.h>
-#include <dbus/client/ClientInternals.h>
-#include <dbus/client/OrderedDeliveries.h>
-#include <dbus/client/ServiceContract.h>
-#include <platform/Log.h>
+#include <zorvel/common/BusConnection.h>
+#include <zorvel/dbus/client/CallbackAnchor.h>
+#include <zorvel/dbus/client/ClientInternals.h>
+#include <zorvel/dbus/client/OrderedDeliveries.h>
+#include <zorvel/dbus/client/ServiceContract.h>
+#include <zorvel/platform/Log.h>
 
 namespace zv_client {
 namespace dbus {

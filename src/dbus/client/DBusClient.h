@@ -9,9 +9,9 @@
 
 #include <gio/gio.h>
 
-#include <common/Export.h>
-#include <common/GLibPtr.h>
-#include <common/ThreadAnnotations.h>
+#include <zorvel/platform/Export.h>
+#include <zorvel/common/GLibPtr.h>
+#include <zorvel/common/ThreadAnnotations.h>
 
 namespace zv_client {
 namespace dbus {

@@ -1,19 +1,19 @@
-#include <dbus/client/DBusClientAsync.h>
+#include <zorvel/dbus/client/DBusClientAsync.h>
 
 #include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
 
-#include <dbus/client/CallbackAnchor.h>
-#include <dbus/client/CommandGate.h>
-#include <dbus/client/CommandIntake.h>
-#include <dbus/client/CommandTally.h>
-#include <dbus/client/LibraryThread.h>
-#include <dbus/client/OrderedDeliveries.h>
-#include <dbus/client/ServiceContract.h>
-#include <dbus/client/TestHooks.h>
-#include <platform/Log.h>
+#include <zorvel/dbus/client/CallbackAnchor.h>
+#include <zorvel/dbus/client/CommandGate.h>
+#include <zorvel/dbus/client/CommandIntake.h>
+#include <zorvel/dbus/client/CommandTally.h>
+#include <zorvel/dbus/client/LibraryThread.h>
+#include <zorvel/dbus/client/OrderedDeliveries.h>
+#include <zorvel/dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/TestHooks.h>
+#include <zorvel/platform/Log.h>
 
 namespace zv_client {
 namespace dbus {

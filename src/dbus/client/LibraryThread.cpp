@@ -1,11 +1,11 @@
-#include <dbus/client/LibraryThread.h>
+#include <zorvel/dbus/client/LibraryThread.h>
 
 #include <pthread.h>
 
 #include <memory>
 #include <system_error>
 
-#include <dbus/client/TestHooks.h>
+#include <zorvel/dbus/client/TestHooks.h>
 
 namespace zv_client {
 namespace dbus {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <common/Export.h>
+#include <zorvel/platform/Export.h>
 
 namespace zv_client {
 namespace dbus {

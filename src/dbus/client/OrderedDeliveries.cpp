@@ -1,4 +1,4 @@
-#include <dbus/client/OrderedDeliveries.h>
+#include <zorvel/dbus/client/OrderedDeliveries.h>
 
 #include <algorithm>
 #include <utility>

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <vector>
 
-#include <common/ThreadAnnotations.h>
+#include <zorvel/common/ThreadAnnotations.h>
 
 namespace zv_client {
 namespace dbus {

@@ -1,10 +1,10 @@
-#include <dbus/client/TestHooks.h>
+#include <zorvel/dbus/client/TestHooks.h>
 
 #include <atomic>
 #include <memory>
 #include <mutex>
 
-#include <common/ThreadAnnotations.h>
+#include <zorvel/common/ThreadAnnotations.h>
 
 namespace zv_client {
 namespace dbus {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include <common/GLibUtils.h>
-#include <platform/SystemLog.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/platform/SystemLog.h>
 #include <zorvel/Launcher.h>
 #include <zorvel/Version.h>
 
