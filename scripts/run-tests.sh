@@ -3,9 +3,11 @@
 # (CMakePresets.json): plain RelWithDebInfo, ASan+UBSan and TSan, each in
 # build/<name>; with clang there, the full run also builds the library and
 # tools with clang's thread-safety analysis as errors (build/thread-safety). Every configuration runs even when an earlier one failed; the
-# exit status is non-zero when any of them (or the fuzz smoke run) failed.
+# exit status is non-zero when any of them (or the docs or the fuzz smoke run) failed.
 # The fuzz smoke run belongs to the full run only: naming a configuration or
-# passing ctest a test selection (-R, -E, -L, ...) skips it.
+# passing ctest a test selection (-R, -E, -L, ...) skips it. So does the API
+# reference: with doxygen installed, the full run also builds it in
+# build/plain (the docs target, Doxygen warnings as errors).
 #
 #   scripts/run-tests.sh [plain] [asan] [tsan] [thread-safety] [-- <extra ctest arguments>]
 #
@@ -124,6 +126,28 @@ for config in "${configs[@]}"; do
   sum_failed=$((sum_failed + total[${config}] - passed[${config}]))
 done
 
+# --- API reference -----------------------------------------------------------
+# The docs target of build/plain (configured above) runs Doxygen over the
+# public headers with its warnings as errors (ZORVEL_DOCS_WARN_AS_ERROR, on by
+# default); skipped without doxygen, when
+# only part of the suite was asked for, or when build/plain did not configure.
+docs_result="skipped"
+docs_elapsed=0
+if ((selected)); then
+  docs_result="skipped (partial)"
+elif command -v doxygen >/dev/null 2>&1 && [[ -f build/plain/CMakeCache.txt ]]; then
+  echo
+  echo "=== docs: API reference"
+  start=${SECONDS}
+  if cmake --build build/plain --target docs; then
+    docs_result="ok"
+  else
+    docs_result="FAILED"
+    failures=$((failures + 1))
+  fi
+  docs_elapsed=$((SECONDS - start))
+fi
+
 # --- Fuzz smoke tests --------------------------------------------------------
 # scripts/fuzz-smoke.sh builds the fuzz/ targets with clang and runs each one
 # briefly on its corpus; skipped when clang or the script is not there, and
@@ -152,6 +176,7 @@ for config in "${configs[@]}"; do
   printf '%-14s %-18s %10s %7ss\n' "${config}" "${result[${config}]}" \
     "${passed[${config}]}/${total[${config}]}" "${elapsed[${config}]}"
 done
+printf '%-14s %-18s %10s %7ss\n' docs "${docs_result}" - "${docs_elapsed}"
 printf '%-14s %-18s %10s %7ss\n' fuzz "${fuzz_result}" - "${fuzz_elapsed}"
 echo "total: ${sum_passed} passed, ${sum_failed} failed"
 

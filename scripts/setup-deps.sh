@@ -13,7 +13,8 @@ required=(
   valgrind gnuplot-nox python3
 )
 # Fuzzers need clang with its libFuzzer runtime; without them fuzzing is skipped.
-optional=(clang libclang-rt-14-dev)
+# doxygen builds the API reference (the docs target); without it that is skipped.
+optional=(clang libclang-rt-14-dev doxygen)
 
 # Prints the packages among "$@" that are not installed.
 missing_of() {
@@ -52,7 +53,7 @@ if ((${#missing_required[@]} > 0)); then
 fi
 if ((${#missing_optional[@]} > 0)); then
   "${apt[@]}" install -y --no-install-recommends "${missing_optional[@]}" >/dev/null ||
-    echo "setup-deps: could not install ${missing_optional[*]}; fuzzing will be skipped" >&2
+    echo "setup-deps: could not install ${missing_optional[*]}; fuzzing or the API reference will be skipped" >&2
 fi
 
 still_missing=$(missing_of "${required[@]}")

@@ -1,5 +1,10 @@
 #pragma once
 
+/// \file
+/// \brief The command layer under zv_client::zorvel::Launcher: commands on
+/// library threads, held commands, reconnection. Applications normally use
+/// the Launcher.
+
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -35,149 +40,196 @@ struct CommandExecution;
 common::Mutex& RestoreMutex();
 }  // namespace detail
 
-// The command layer. Call never waits for D-Bus: each accepted command runs on
-// a detached thread of its own, in the order the commands were accepted; while
-// the daemon is not ready, commands are held in a pool and replayed, oldest
-// first and at most once, when the daemon's bus name gets a new owner.
-//
-// Nothing of this layer makes the application's main loop wait for the
-// daemon or the bus: the readiness handler only marks the layer ready and
-// hands the replay to a library thread, connect attempts (opening the bus
-// connection, creating the proxy) run on a library thread, and no lock that
-// the main loop takes is held across a D-Bus call.
-//
-// A lost link is restored in the background, whether or not commands are
-// held, so that the daemon's signals reach a listening application after the
-// daemon restarted: a 500 ms retry timer on the default main context asks for
-// a connect attempt, and while it runs the daemon's name is watched, so that
-// the attempt is made at once when the name gets an owner.
-//
-// Lock order (outermost first), extending DBusClient's:
-//   callback anchor (main-loop callbacks) -> application callback mutex (a
-//   handler that calls Disconnect) -> poolMutex_;
-//   runMutex_ -> poolMutex_ -> restoreMutex -> timerMutex_, and poolMutex_ ->
-//   DBusClient's connectionMutex_ (a base Disconnect, which never waits for
-//   the bus);
-//   runMutex_ -> linkMutex_ -> DBusClient's connectionMutex_ -> timerMutex_.
-//   timerMutex_, attemptMutex_ and the locks of the small mechanisms (intake,
-//   deliveries, gates, tally) are leaves. Only runMutex_ and linkMutex_ are
-//   ever held across a call to the daemon or the bus, and the main loop takes
-//   neither. The analysis sees the order among this class's own locks
-//   (ZV_ACQUIRED_AFTER below), not that with DBusClient's private ones.
-//
-// How the hazards of this layer are closed:
-//  - Deliveries vs. Disconnect: outcomes and the "onFound" payloads of a
-//    profile read are queued under poolMutex_ and dispatched after it is
-//    released, batch by batch in the order they were queued. A thread that
-//    is inside an application callback (it holds the application callback
-//    mutex) never waits for a batch's turn: its batch is put off until it
-//    left the callback, so an earlier batch waiting for that mutex always
-//    gets it (see OrderedDeliveries).
-//  - Restoration vs. a connect attempt: both run under linkMutex_, and a
-//    restoration leaves a link alone that an attempt made meanwhile; so the
-//    layer is never ready without a link (a command that found it so would
-//    drop the readiness and have the link restored).
-//  - Commands outliving the client: every accepted command, replay, connect
-//    attempt and restoration is counted in a gate that its thread shares; the
-//    destructor lets commands run for a grace period, then cancels the D-Bus
-//    calls in flight, discards commands that have not run yet and waits for
-//    the counts to reach zero.
-//  - Main-loop callbacks vs. teardown: the timer, watcher and signal
-//    registrations carry a handle, not the client; the destructor detaches the
-//    handle first (waiting for a callback that is running), so one that GLib
-//    dispatches later finds no client.
-//  - Accounting: each accepted command ends exactly once as ran, replayed,
-//    dropped as a duplicate or discarded (see Counts), and its params
-//    reference is released exactly once, also when its function throws.
+/// \brief The command layer. Call never waits for D-Bus: each accepted command runs on
+/// a detached thread of its own, in the order the commands were accepted; while
+/// the daemon is not ready, commands are held in a pool and replayed, oldest
+/// first and at most once, when the daemon's bus name gets a new owner.
+///
+/// Nothing of this layer makes the application's main loop wait for the
+/// daemon or the bus: the readiness handler only marks the layer ready and
+/// hands the replay to a library thread, connect attempts (opening the bus
+/// connection, creating the proxy) run on a library thread, and no lock that
+/// the main loop takes is held across a D-Bus call.
+///
+/// A lost link is restored in the background, whether or not commands are
+/// held, so that the daemon's signals reach a listening application after the
+/// daemon restarted: a 500 ms retry timer on the default main context asks for
+/// a connect attempt, and while it runs the daemon's name is watched, so that
+/// the attempt is made at once when the name gets an owner.
+///
+/// Threads: Call, Submit, Disconnect, GetCounts and the setters may be
+/// called from any thread, also from inside a callback of this client; the
+/// destructor not (see there). The observers a command is submitted with
+/// run on the threads given with Submit.
+///
+/// Lock order (outermost first), extending DBusClient's:
+/// callback anchor (main-loop callbacks) -> application callback mutex (a
+/// handler that calls Disconnect) -> poolMutex_;
+/// runMutex_ -> poolMutex_ -> restoreMutex -> timerMutex_, and poolMutex_ ->
+/// DBusClient's connectionMutex_ (a base Disconnect, which never waits for
+/// the bus);
+/// runMutex_ -> linkMutex_ -> DBusClient's connectionMutex_ -> timerMutex_.
+/// timerMutex_, attemptMutex_ and the locks of the small mechanisms (intake,
+/// deliveries, gates, tally) are leaves. Only runMutex_ and linkMutex_ are
+/// ever held across a call to the daemon or the bus, and the main loop takes
+/// neither. The analysis sees the order among this class's own locks
+/// (ZV_ACQUIRED_AFTER below), not that with DBusClient's private ones.
+///
+/// How the hazards of this layer are closed:
+///  - Deliveries vs. Disconnect: outcomes and the "onFound" payloads of a
+///    profile read are queued under poolMutex_ and dispatched after it is
+///    released, batch by batch in the order they were queued. A thread that
+///    is inside an application callback (it holds the application callback
+///    mutex) never waits for a batch's turn: its batch is put off until it
+///    left the callback, so an earlier batch waiting for that mutex always
+///    gets it (see OrderedDeliveries).
+///  - Restoration vs. a connect attempt: both run under linkMutex_, and a
+///    restoration leaves a link alone that an attempt made meanwhile; so the
+///    layer is never ready without a link (a command that found it so would
+///    drop the readiness and have the link restored).
+///  - Commands outliving the client: every accepted command, replay, connect
+///    attempt and restoration is counted in a gate that its thread shares; the
+///    destructor lets commands run for a grace period, then cancels the D-Bus
+///    calls in flight, discards commands that have not run yet and waits for
+///    the counts to reach zero.
+///  - Main-loop callbacks vs. teardown: the timer, watcher and signal
+///    registrations carry a handle, not the client; the destructor detaches the
+///    handle first (waiting for a callback that is running), so one that GLib
+///    dispatches later finds no client.
+///  - Accounting: each accepted command ends exactly once as ran, replayed,
+///    dropped as a duplicate or discarded (see Counts), and its params
+///    reference is released exactly once, also when its function throws.
 class ZORVEL_API DBusClientAsync : public DBusClient {
  public:
-  // How one command ended, for whoever issued it (see Submit).
+  /// How one command ended, for whoever issued it (see Submit).
   struct CommandEnd {
+    /// The ways a command ends; all but kHeld are final.
     enum class Kind {
-      kRan,              // its function ran: reply, or error, or failure below
-      kDroppedAsRepeat,  // the same method as the command run just before, or as one held
-      kHeld,             // not the end: pooled until the daemon is ready (ends later, wasHeld set)
-      kDiscarded,        // dropped unsent: by Disconnect or teardown
-      kFailedToRun,      // an exception before its function could run: failure below
+      kRan,              ///< its function ran: reply, or error, or failure below
+      kDroppedAsRepeat,  ///< the same method as the command run just before, or as one held
+      kHeld,             ///< not the end: pooled until the daemon is ready (ends later, wasHeld set)
+      kDiscarded,        ///< dropped unsent: by Disconnect or teardown
+      kFailedToRun,      ///< an exception before its function could run: failure below
     };
+    /// An end of kind `ended`; `held` when the command waited in the pool first.
     explicit CommandEnd(Kind ended = Kind::kRan, bool held = false) : kind(ended), wasHeld(held) {}
-    Kind kind = Kind::kRan;
-    bool wasHeld = false;  // it waited in the pool first
-    // kRan: the daemon's reply; null when the call failed, with `error` the
-    // GDBus error (null when the link was not ready and nothing was sent).
+    Kind kind = Kind::kRan;  ///< how it ended
+    bool wasHeld = false;  ///< it waited in the pool first
+    /// kRan: the daemon's reply; null when the call failed, with `error` the
+    /// GDBus error (null when the link was not ready and nothing was sent).
+    /// Shared: an observer that keeps a copy keeps the reply alive.
     std::shared_ptr<GVariant> reply;
-    std::shared_ptr<GError> error;
-    std::vector<common::SessionProfile> profiles;  // kRan, readProfiles: the list the reply carried
-    std::string failure;                           // the exception's text, if one was thrown
+    std::shared_ptr<GError> error;  ///< kRan: the GDBus error of a failed call (see `reply`)
+    std::vector<common::SessionProfile> profiles;  ///< kRan, readProfiles: the list the reply carried
+    std::string failure;                           ///< the exception's text, if one was thrown
   };
+  /// Told how a command ended; gets the end by reference, valid during the call.
   using CommandObserver = std::function<void(const CommandEnd&)>;
 
+  /// \brief One command as the layer runs or holds it.
   struct CommandData {
+    /// The D-Bus call a command makes.
     struct Parameters {
-      std::string method;
-      GVariant* params = nullptr;   // input tuple or null; not owned by the record
-      GVariant** result = nullptr;  // reply destination, or null for lastReply_
-      int timeout = -1;             // ms, -1 for the D-Bus default
+      std::string method;           ///< a method of the daemon's interface
+      GVariant* params = nullptr;   ///< input tuple or null; not owned by the record
+      GVariant** result = nullptr;  ///< reply destination, or null for lastReply_
+      int timeout = -1;             ///< ms, -1 for the D-Bus default
     };
-    Parameters parameters;
-    std::function<bool(const Parameters&)> function;
-    CommandObserver observer;  // may be empty
+    Parameters parameters;                            ///< the call
+    std::function<bool(const Parameters&)> function;  ///< makes the call; true when it succeeded
+    CommandObserver observer;  ///< may be empty
   };
 
-  // Where accepted commands ended; for tests and diagnostics (never waits for
-  // a command that is running). Once no command is in flight, accepted ==
-  // ranAtOnce + replayed + droppedDuplicate + discarded + failed + held.
+  /// Where accepted commands ended; for tests and diagnostics (never waits for
+  /// a command that is running). Once no command is in flight, accepted ==
+  /// ranAtOnce + replayed + droppedDuplicate + discarded + failed + held.
   struct Counts {
-    std::uint64_t accepted = 0;
-    std::uint64_t ranAtOnce = 0;
-    std::uint64_t replayed = 0;
-    std::uint64_t droppedDuplicate = 0;
-    std::uint64_t discarded = 0;  // by Disconnect or teardown
-    std::uint64_t failed = 0;     // an exception before the command could run
-    std::uint64_t pooled = 0;     // ever entered the pool (each later replayed or discarded)
-    std::uint64_t held = 0;       // in the pool now
-    std::uint64_t inFlight = 0;   // accepted, command thread not yet finished (or a replay running)
+    std::uint64_t accepted = 0;          ///< taken by Call or Submit
+    std::uint64_t ranAtOnce = 0;         ///< ran without being held
+    std::uint64_t replayed = 0;          ///< ran after being held
+    std::uint64_t droppedDuplicate = 0;  ///< dropped as a repeat
+    std::uint64_t discarded = 0;  ///< by Disconnect or teardown
+    std::uint64_t failed = 0;     ///< an exception before the command could run
+    std::uint64_t pooled = 0;     ///< ever entered the pool (each later replayed or discarded)
+    std::uint64_t held = 0;       ///< in the pool now
+    std::uint64_t inFlight = 0;   ///< accepted, command thread not yet finished (or a replay running)
   };
 
+  /// A client without a link; Connect() starts making one.
   DBusClientAsync();
-  // Lets the commands it accepted run for up to a grace period of 1 s, then
-  // cancels the call in flight and discards the rest, and waits for their
-  // threads; must not run on a thread that is inside one of this client's
-  // commands or callbacks.
+  /// Lets the commands it accepted run for up to a grace period of 1 s, then
+  /// cancels the call in flight and discards the rest, and waits for their
+  /// threads; must not run on a thread that is inside one of this client's
+  /// commands or callbacks. The observers of discarded commands run on the
+  /// destroying thread.
   ~DBusClientAsync() override;
 
-  // Arms the connect retry timer; always true.
+  /// \brief Arms the connect retry timer; never waits. The attempts run on
+  /// a library thread, driven by the timer on the default main context.
+  /// \return always true.
   bool Connect() override ZV_EXCLUDES(timerMutex_, statusMutex_);
-  // While ready: forgets readiness and drops the held commands; keeps the
-  // D-Bus link. While not ready it changes nothing (held commands stay held
-  // for the next readiness). Never waits for the daemon or the bus.
+  /// \brief While ready: forgets readiness and drops the held commands; keeps
+  /// the D-Bus link.
+  ///
+  /// While not ready it changes nothing (held commands stay held for the
+  /// next readiness). Never waits for the daemon or the bus. The observers
+  /// of the commands it drops run on the calling thread before it returns.
+  /// \return as DBusClient::Disconnect.
   bool Disconnect() override ZV_EXCLUDES(poolMutex_);
+  /// Drops the link, unless a connect attempt restored it meanwhile, and
+  /// arms the retry timer; waits for a command that is running. Runs on a
+  /// library thread (RestoreConnection), not on the main loop.
   void Reconnect() override ZV_EXCLUDES(runMutex_, linkMutex_);
-  // Accepts `method` for execution and returns at once: true when accepted,
-  // false for a method outside the command table. Takes over the caller's
-  // reference to `params` in every case. Never writes `result`.
+  /// \brief Accepts `method` for execution and returns at once.
+  /// \param method a method of the command table (ServiceContract.h).
+  /// \param params the input tuple, or null; takes over the caller's
+  ///        reference (floating or full) in every case.
+  /// \param result never written.
+  /// \param timeout in ms, -1 for the D-Bus default.
+  /// \return true when accepted, false for a method outside the command
+  ///         table.
+  /// \warning Throws std::system_error when no thread can be started (as
+  ///          Submit).
   bool Call(const std::string& method, GVariant* params, GVariant** result, int timeout) override;
-  // Call, with `observer` told how the command ended: exactly once with its
-  // end, and before that with kHeld if it was held. It runs without any lock
-  // of this client held, before the "onFound" deliveries of a profile read,
-  // on the thread that ended the command: a command thread, the library
-  // thread that replays held commands, the main-loop thread (a Disconnect
-  // there), the thread calling Disconnect, or the destroying thread; on a
-  // thread that is inside a callback, once that callback returned. Not called
-  // when the method is unknown (false). Throws std::system_error (the
-  // command then not taken, `params` released) when no thread can be started.
+  /// \brief Call, with `observer` told how the command ended: exactly once
+  /// with its end, and before that with kHeld if it was held.
+  ///
+  /// It runs without any lock of this client held, before the "onFound"
+  /// deliveries of a profile read, on the thread that ended the command: a
+  /// command thread, the library thread that replays held commands, the
+  /// main-loop thread (a Disconnect there), the thread calling Disconnect, or
+  /// the destroying thread; on a thread that is inside a callback, once that
+  /// callback returned. Not called when the method is unknown (false).
+  /// \param method a method of the command table (ServiceContract.h).
+  /// \param params the input tuple, or null; taken over in every case.
+  /// \param timeout in ms, -1 for the D-Bus default.
+  /// \param observer stored (moved) with the command; may be empty.
+  /// \return true when accepted, false for an unknown method.
+  /// \warning Throws std::system_error (the command then not taken,
+  ///          `params` released) when no thread can be started.
   bool Submit(const std::string& method, GVariant* params, int timeout, CommandObserver observer);
 
-  // Runs or pools `command`, whose params reference this layer owns.
+  /// \brief Runs or pools `command`, whose params reference this layer owns,
+  /// on the calling thread (the layer's command threads call it).
+  /// \return 0, or -1 when an exception stopped the command (it then ends as
+  ///         kFailedToRun).
   int ExecuteCommand(const CommandData& command) ZV_EXCLUDES(runMutex_, poolMutex_);
+  /// \brief Starts restoring the link on a library thread (Reconnect),
+  /// unless a restoration is under way; returns at once.
+  /// \warning Throws what starting the thread throws (std::system_error).
   void RestoreConnection() ZV_EXCLUDES(detail::RestoreMutex());
+  /// \brief Removes the connect retry timer and the name watch.
+  /// \param remove true: only if the timer is armed; false: in any case.
   void ResetTimer(bool remove) ZV_EXCLUDES(timerMutex_);
 
+  /// A snapshot of the counts; never waits for a running command. Any thread.
   Counts GetCounts();
 
-  // Told every change of the link's state, on the main-loop thread (the
-  // default main context), in order; none after the client's destruction
-  // began. Replaces the observer set before.
+  /// \brief Told every change of the link's state, on the main-loop thread
+  /// (the default main context), in order; none after the client's
+  /// destruction began. Replaces the observer set before.
+  /// \param observer stored (moved); gets the status by reference, valid
+  ///        during the call only. Empty to stop calls.
   void SetLinkStateObserver(std::function<void(const LinkStatus&)> observer) ZV_EXCLUDES(statusMutex_);
 
  private:
