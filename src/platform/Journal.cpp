@@ -25,6 +25,7 @@
 #include <utility>
 
 #include <zorvel/common/ThreadAnnotations.h>
+#include <zorvel/platform/Thread.h>
 
 // libsystemd owns the journal's wire protocol (framing, large entries through
 // a memfd, its socket). What stays here is knowing when nobody listens, so
@@ -180,7 +181,6 @@ class Writer {
   static constexpr std::size_t kCapacity = 8192;
   static constexpr std::chrono::milliseconds kErrorWait{50};
   static constexpr std::chrono::seconds kDrainWait{1};
-  static constexpr std::size_t kWriterStack = 256 * 1024;  // it sends, nothing more
   // The drop notice's tag: the writer's area, as kLogTag would be.
   static constexpr char kTag[] = "zorvel.platform";
 
@@ -198,18 +198,12 @@ class Writer {
   }
 
   static bool Start(State& state) ZV_REQUIRES(state.mutex) {
-    pthread_attr_t attributes;
-    if (pthread_attr_init(&attributes) != 0) return false;
-    pthread_t thread;
-    const bool started = pthread_attr_setstacksize(&attributes, kWriterStack) == 0 &&
-                         pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
-                         pthread_create(&thread, &attributes, &Run, &state) == 0;
-    pthread_attr_destroy(&attributes);
-    return state.started = started;  // if not, tried again with the next line
+    // On a small stack: it sends, nothing more. If no thread can be had, it
+    // is tried again with the next line.
+    return state.started = StartDetachedThread([&state] { Run(state); }) == 0;
   }
 
-  static void* Run(void* argument) {
-    State& state = *static_cast<State*>(argument);
+  static void Run(State& state) {
     common::MutexLock lock(state.mutex);
     for (;;) {
       while (state.queue.empty()) state.wake.wait(lock.native());
