@@ -1,6 +1,8 @@
-// The journal writer never makes a logging thread, or exit, wait for a
-// journal that stops reading; it counts what it drops, and works in a forked
-// child. Each scenario runs in a child process with a journal of its own.
+// The library's log: sinks, the level, the fields the journal receives, the
+// targets ZORVEL_LOG_TARGET names, and a journal writer that never makes a
+// logging thread, or exit, wait for a journal that stops reading; it counts
+// what it drops, and works in a forked child. What needs a journal runs in a
+// child process with a journal of its own.
 
 #include <gtest/gtest.h>
 
@@ -20,13 +22,19 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/platform/Log.h>
 #include <zorvel/platform/SystemLog.h>
 
 #include "harness/PrivateJournal.h"
+#include "support/LogCapture.h"
 #include "support/Wait.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -37,19 +45,21 @@ extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
 
 namespace {
 
+using namespace std::string_literals;
 namespace platform = zv_client::platform;
 using platform::LogBuffer;
 using platform::LogPriority;
 using zv_client::testing::WaitUntil;
 
+constexpr char kLogTag[] = "zorvel.test";  // for the library's own logging macros
 constexpr int kNoJournal = 77;
 constexpr int kLines = 20000;  // more than the writer queues
 // For what a child waits on, within the 20 s its parent gives it, so that it
 // still reports what it missed.
 constexpr std::chrono::seconds kChildDeadline{10};
 
-void Log(LogPriority priority, const char* text, int number = 0) {
-  platform::LogPrint(LogBuffer::kSystem, priority, "zorvel.test", "%s %d", text, number);
+void Log(const char* text, int number = 0, LogPriority priority = LogPriority::kInfo) {
+  platform::LogPrint(LogBuffer::kSystem, priority, kLogTag, "%s %d", text, number);
 }
 
 // Reaps `pid` within `deadline`, else kills it; whether it finished.
@@ -61,13 +71,15 @@ bool Reap(pid_t pid, int& status, std::chrono::seconds deadline) {
 }
 
 // Runs `scenario` in a child whose journal is `journal`, a socket bound at
-// the journal's path, and expects exit status 0 in good time. The child
-// leaves through exit(), so that the writer's drain at exit runs too.
-void ExpectChildSucceeds(int (*scenario)(int journal)) {
+// the journal's path (`unheard`, if given, runs just before it is bound), and
+// expects exit status 0 in good time. The child leaves through exit(), so
+// that the writer's drain at exit runs too.
+void ExpectChildSucceeds(int (*scenario)(int journal), void (*unheard)() = nullptr) {
   const pid_t child = fork();  // with one thread, as new namespaces need
   ASSERT_GE(child, 0);
   if (child == 0) {
     const std::string why = zv_client::testing::EnterPrivateJournalDir();
+    if (why.empty() && unheard != nullptr) unheard();
     const int journal = why.empty() ? zv_client::testing::ListenAsJournal() : -1;
     if (journal < 0) {
       std::fprintf(stderr, "no journal of our own: %s\n", why.empty() ? std::strerror(errno) : why.c_str());
@@ -81,19 +93,24 @@ void ExpectChildSucceeds(int (*scenario)(int journal)) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status << " (reasons above)";
 }
 
-// Reads the journal on a thread of its own, handing every entry (with "\n"
-// before it, so that each field reads "\nKEY=value\n") to `onEntry` until
-// that returns false or the reader is destroyed.
+// The next journal entry within `timeoutMs`, with "\n" before it so that
+// every field reads "\nKEY=value\n"; empty when none came.
+std::string Receive(int journal, int timeoutMs) {
+  char entry[64 * 1024];
+  pollfd ready{journal, POLLIN, 0};
+  const ssize_t size = poll(&ready, 1, timeoutMs) == 1 ? recv(journal, entry, sizeof entry, 0) : -1;
+  return size < 0 ? ""s : "\n" + std::string(entry, static_cast<std::size_t>(size));
+}
+
+// Reads the journal on a thread of its own, handing every entry to `onEntry`
+// until that returns false or the reader is destroyed.
 class JournalReader {
  public:
   JournalReader(int journal, std::function<bool(const std::string&)> onEntry)
       : thread_([this, journal, onEntry] {
-          static char entry[64 * 1024];
           while (!stop_) {
-            pollfd ready{journal, POLLIN, 0};
-            if (poll(&ready, 1, 20) != 1) continue;
-            const ssize_t size = recv(journal, entry, sizeof entry, 0);
-            if (size > 0 && !onEntry("\n" + std::string(entry, static_cast<std::size_t>(size)))) return;
+            const std::string entry = Receive(journal, 20);
+            if (!entry.empty() && !onEntry(entry)) return;
           }
         }) {}
   ~JournalReader() {
@@ -106,13 +123,185 @@ class JournalReader {
   std::thread thread_;
 };
 
+std::string Shown(const std::string& tag, const std::string& text, LogBuffer buffer = LogBuffer::kSystem,
+                  LogPriority priority = LogPriority::kInfo) {
+  return std::to_string(static_cast<int>(buffer)) + "/" + std::to_string(static_cast<int>(priority)) + " " + tag +
+         ": " + text;
+}
+
+// Records what it receives into shared state that outlives the sink.
+struct Recorder {
+  std::mutex mutex;
+  std::vector<std::string> lines;  // guarded by mutex
+  static platform::LogSink SinkInto(const std::shared_ptr<Recorder>& recorder) {
+    return [recorder](LogBuffer buffer, LogPriority priority, const char* tag, const char* text) {
+      std::lock_guard<std::mutex> lock(recorder->mutex);
+      recorder->lines.push_back(Shown(tag, text, buffer, priority));
+    };
+  }
+  std::vector<std::string> Lines() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return lines;
+  }
+};
+
+class SystemLog : public ::testing::Test {
+ protected:
+  void TearDown() override { platform::SetLogSink({}); }
+};
+
+TEST_F(SystemLog, SinksMayBeReplacedAnyTime) {
+  auto first = std::make_shared<Recorder>(), second = std::make_shared<Recorder>();
+  platform::SetLogSink(Recorder::SinkInto(first));
+  const std::string longText(5000, 'x');  // longer than any fixed buffer the formatting might start with
+  platform::LogPrint(LogBuffer::kSystem, LogPriority::kInfo, "zorvel.common", "[%s]%d", longText.c_str(), 42);
+  platform::SetLogSink(Recorder::SinkInto(second));
+  platform::LogPrint(LogBuffer::kMain, LogPriority::kError, "zorvel.zorvel", "ends in \"%s\" \n", "quotes");
+  platform::SetLogSink({});  // the system log again
+  Log("three");
+  EXPECT_EQ(first->Lines(), std::vector<std::string>{Shown("zorvel.common", "[" + longText + "]42")});
+  EXPECT_EQ(second->Lines(), std::vector<std::string>{Shown("zorvel.zorvel", "ends in \"quotes\" \n", LogBuffer::kMain,
+                                                            LogPriority::kError)});
+  EXPECT_EQ(first.use_count() + second.use_count(), 2) << "a replaced or removed sink is still alive";
+
+  // A sink replacing itself keeps its captures until it returns.
+  auto calls = std::make_shared<int>(0);
+  platform::SetLogSink([first, calls](LogBuffer, LogPriority, const char*, const char*) {
+    platform::SetLogSink(Recorder::SinkInto(first));
+    ++*calls;
+    EXPECT_GE(first.use_count(), 2);
+  });
+  Log("four");
+  Log("five");
+  EXPECT_EQ(*calls, 1);
+  EXPECT_EQ(calls.use_count(), 1);
+  EXPECT_EQ(first->Lines().back(), Shown(kLogTag, "five 0"));
+
+  // Swapped while other threads log, until both sinks have run.
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> loggers;
+  for (int i = 0; i < 4; ++i)
+    loggers.emplace_back([&] {
+      while (!stop) Log("busy");
+    });
+  const std::size_t before = first->Lines().size();
+  for (int round = 0; round < 2000 || first->Lines().size() == before || second->Lines().size() == 1; ++round) {
+    platform::SetLogSink(Recorder::SinkInto(round % 2 ? first : second));
+  }
+  stop = true;
+  for (std::thread& logger : loggers) logger.join();
+  platform::SetLogSink({});
+  EXPECT_EQ(first.use_count() + second.use_count(), 2) << "a replaced sink outlived the threads that ran it";
+}
+
+// The log's contract as the journal receives it; problems go to stderr.
+int CheckJournalContract(int journal) {
+  int problems = 0;
+  auto expect = [&](const std::string& entry, const std::vector<std::string>& fields, const char* absent = nullptr) {
+    for (const std::string& field : fields)
+      if (entry.find("\n" + field + "\n") == std::string::npos || (absent && entry.find(absent) != std::string::npos))
+        problems += std::fprintf(stderr, "wanted %s%s%s, got:%s\n", field.c_str(), absent ? " without " : "",
+                                 absent ? absent : "", entry.c_str()) > 0;
+  };
+  std::string entry;
+  int line = 0;
+  // Found within the 250 ms the library waits before looking again.
+  const bool arrived = WaitUntil([&] {
+    line = __LINE__ + 1;  // the next line logs
+    ZV_LOGI("anybody?");
+    return !(entry = Receive(journal, 0)).empty();
+  });
+  expect(entry, {"MESSAGE=logging_test.cpp: operator()(" + std::to_string(line) + ") > anybody?"});
+  // Lines are sent by a writer thread: the other tries may still be on their way.
+  const auto receive = [journal] {
+    std::string got;
+    while ((got = Receive(journal, 5000)).find("> anybody?\n") != std::string::npos) {
+    }
+    return got;
+  };
+
+  const std::string site = "logging_test.cpp: CheckJournalContract(";
+  line = __LINE__ + 1;  // the next line logs
+  ZV_LOGI_MAIN("duplicate command[%s]", "connect");
+  expect(receive(), {"MESSAGE=" + site + std::to_string(line) + ") > duplicate command[connect]", "PRIORITY=6",
+                     "SYSLOG_IDENTIFIER=zorvel.test", "ZORVEL_LOG_BUFFER=main", "CODE_FILE=logging_test.cpp",
+                     "CODE_LINE=" + std::to_string(line), "CODE_FUNC=CheckJournalContract"});
+  line = __LINE__ + 1;  // the next line logs
+  ZV_LOGW("nullptr, return");
+  expect(receive(), {"MESSAGE=" + site + std::to_string(line) + ") > nullptr, return", "PRIORITY=4",
+                     "ZORVEL_LOG_BUFFER=system", "CODE_LINE=" + std::to_string(line)});
+  line = __LINE__ + 1;  // the next line logs
+  ZV_LOGE("failed: %d", -1);
+  expect(receive(), {"MESSAGE=" + site + std::to_string(line) + ") > failed: -1", "PRIORITY=3"});
+  [&] {
+    line = __LINE__ + 1;  // the next line logs
+    ZV_LOGI_THD("ExecuteCommand[%s] FINISHED", "connect");
+  }();
+  expect(receive(), {"MESSAGE=logging_test.cpp: operator()(" + std::to_string(line) + ") > thd: " + logt::thread_id() +
+                         " \"ExecuteCommand[connect] FINISHED\"",
+                     "CODE_FUNC=operator()", "PRIORITY=6"});
+  // The exported entry knows no site: the prefix is the caller's, and no CODE_* fields.
+  platform::LogPrint(LogBuffer::kSystem, LogPriority::kWarning, "zorvel.zorvel", "%s: %s(%d) > plain", "a.cpp", "f", 3);
+  expect(receive(), {"MESSAGE=a.cpp: f(3) > plain", "PRIORITY=4", "SYSLOG_IDENTIFIER=zorvel.zorvel"}, "\nCODE_");
+  // Below the level nothing is sent: the next line to arrive is the one at it.
+  platform::SetLogLevel(LogPriority::kError);
+  ZV_LOGW("below the level");
+  ZV_LOGE("at the level");
+  expect(receive(), {"PRIORITY=3"}, "below the level");
+  return problems == 0 && arrived ? 0 : 1;
+}
+
+TEST_F(SystemLog, JournalEntriesCarryTheFieldsOfTheLogContract) {
+  using platform::detail::LogLevelFromText;  // ZORVEL_LOG_LEVEL's values
+  EXPECT_EQ(
+      std::make_tuple(LogLevelFromText("warning", LogPriority::kInfo), LogLevelFromText("ERROR", LogPriority::kInfo),
+                      LogLevelFromText("debug", LogPriority::kWarning), LogLevelFromText(nullptr, LogPriority::kInfo)),
+      std::make_tuple(LogPriority::kWarning, LogPriority::kError, LogPriority::kWarning, LogPriority::kInfo));
+  {  // A sink gets what the system log would.
+    zv_client::testing::LogCapture log;
+    platform::SetLogLevel(LogPriority::kWarning);
+    Log("below the level");
+    platform::LogPrint(LogBuffer::kSystem, LogPriority::kWarning, "t", "at the level");
+    platform::SetLogLevel(LogPriority::kInfo);
+    EXPECT_EQ(log.Dump(), "[t] at the level\n");
+  }
+  // Logged before the journal listens: dropped, and the library looks again later.
+  ExpectChildSucceeds(&CheckJournalContract, [] { ZV_LOGI("nobody listens yet"); });
+}
+
+// ZORVEL_LOG_TARGET is read once per process, so each case runs in a new run
+// of this program ("threadsafe" death tests), whose whole stderr is compared.
+constexpr int kStderrInfoLine = __LINE__ + 3;  // where LogToStderr's ZV_LOGI is
+[[noreturn]] void LogToStderr() {
+  setenv("ZORVEL_LOG_TARGET", "stderr", 1);
+  ZV_LOGI("Initialize %s\n", "FINISHED");
+  platform::LogPrint(LogBuffer::kMain, LogPriority::kError, "zorvel.zorvel", "failed: %d\n\n", -1);
+  platform::SetLogLevel(LogPriority::kError);
+  Log("below the level", 0, LogPriority::kWarning);
+  platform::SetLogSink([](LogBuffer, LogPriority, const char*, const char*) {});  // a sink wins over stderr
+  Log("to the sink", 0, LogPriority::kError);
+  std::exit(0);
+}
+
+TEST_F(SystemLog, TheTargetIsTheJournalOrStderrAndAnyOtherIsReported) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(LogToStderr(), ::testing::ExitedWithCode(0),
+              ::testing::Eq("[info] zorvel.test: logging_test.cpp: LogToStderr(" + std::to_string(kStderrInfoLine) +
+                            ") > Initialize FINISHED\n[error] zorvel.zorvel: failed: -1\n"));
+  // The lines go to the journal, not to stderr, which says once why.
+  EXPECT_EXIT((setenv("ZORVEL_LOG_TARGET", "syslog", 1), Log("one"), Log("two"), std::exit(0)),
+              ::testing::ExitedWithCode(0),
+              ::testing::Eq("[warning] zorvel.platform: ZORVEL_LOG_TARGET=syslog not understood (journal or stderr): "
+                            "logging to the journal\n"s));
+}
+
 // A journal that never reads: threads log all their lines, errors among
 // them, and the process exits.
 int LogIntoAStalledJournal(int) {
   std::vector<std::thread> loggers;
   for (int t = 0; t < 3; ++t)
     loggers.emplace_back([] {
-      for (int i = 0; i < kLines / 3; ++i) Log(i % 1000 == 0 ? LogPriority::kError : LogPriority::kInfo, "line", i);
+      for (int i = 0; i < kLines / 3; ++i) Log("line", i, i % 1000 == 0 ? LogPriority::kError : LogPriority::kInfo);
     });
   for (std::thread& logger : loggers) logger.join();
   return 0;
@@ -121,7 +310,7 @@ int LogIntoAStalledJournal(int) {
 // A journal that reads again after lines were dropped: every line is either
 // received or counted in a notice (one per stall) sent after the lines before it.
 int CountWhatAStalledJournalMissed(int journal) {
-  for (int i = 0; i < kLines; ++i) Log(LogPriority::kInfo, "line", i);
+  for (int i = 0; i < kLines; ++i) Log("line", i);
   std::atomic<unsigned long long> received{0}, dropped{0};
   const auto accounted = [&] { return dropped != 0 && received + dropped >= kLines + 1; };
   {
@@ -132,7 +321,7 @@ int CountWhatAStalledJournalMissed(int journal) {
       if (entry.find("\nMESSAGE=line ") != std::string::npos) ++received;
       return !accounted();
     });
-    Log(LogPriority::kInfo, "line", kLines);  // while the journal reads again: dropped or received
+    Log("line", kLines);  // while the journal reads again: dropped or received
     WaitUntil(accounted, kChildDeadline);
   }
   if (dropped == 0 || received + dropped != kLines + 1) {
@@ -160,13 +349,13 @@ int LogAfterAFork(int journal) {
     arrived = arrived || entry.find("\nMESSAGE=from the forked child 2\n") != std::string::npos;
     return true;
   });
-  for (int i = 0; i < 3; ++i) Log(LogPriority::kError, "before the fork", i);
+  for (int i = 0; i < 3; ++i) Log("before the fork", i, LogPriority::kError);
   WaitUntil(WriterSleeps, kChildDeadline);  // forks with the writer idle, as it mostly is
   const pid_t child = fork();
   if (child < 0) return 1;
   if (child == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // hung, it goes with the process that gives up on it
-    for (int i = 0; i < 3; ++i) Log(LogPriority::kError, "from the forked child", i);
+    for (int i = 0; i < 3; ++i) Log("from the forked child", i, LogPriority::kError);
     std::exit(0);
   }
   int status = -1;

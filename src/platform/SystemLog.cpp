@@ -1,8 +1,10 @@
 #include <zorvel/platform/SystemLog.h>
 
 #include <strings.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -42,14 +44,49 @@ std::shared_ptr<const LogSink> Sink() {
   return state.sink;
 }
 
+// "[<priority>] <tag>: <text>" and one newline, in a single write(2) so that
+// lines from several threads do not interleave. Newlines that end the text
+// are dropped: the line ends with exactly one whatever the text ends with.
+void WriteToStderr(LogPriority priority, const char* tag, const char* text, std::size_t length) {
+  static const char* const kNames[] = {"info", "warning", "error"};  // by LogPriority
+  while (length > 0 && text[length - 1] == '\n') --length;
+  std::string line = std::string("[") + kNames[static_cast<int>(priority)] + "] " + tag + ": ";
+  line.append(text, length).push_back('\n');
+  // Only an interrupted or partial write (a full pipe, a signal) takes more than one.
+  for (std::size_t done = 0; done < line.size();) {
+    const ssize_t written = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;  // nowhere to report it
+    done += static_cast<std::size_t>(written);
+  }
+}
+
+enum class Target { kJournal, kStderr };
+
+// ZORVEL_LOG_TARGET, any case: unset or "journal", or "stderr". Anything else
+// is said once on stderr, where whoever set it looks.
+Target ReadLogTarget() {
+  const char* text = std::getenv("ZORVEL_LOG_TARGET");
+  if (text == nullptr || strcasecmp(text, "journal") == 0) return Target::kJournal;
+  if (strcasecmp(text, "stderr") == 0) return Target::kStderr;
+  const std::string why =
+      std::string("ZORVEL_LOG_TARGET=") + text + " not understood (journal or stderr): logging to the journal";
+  WriteToStderr(LogPriority::kWarning, "zorvel.platform", why.c_str(), why.size());
+  return Target::kJournal;
+}
+
 // The line is formatted straight after "MESSAGE=": the journal gets it as a
-// ready field, a sink gets the text after the key.
+// ready field, a sink or stderr the text after the key.
 void Write(LogBuffer buffer, LogPriority priority, const char* tag, const detail::CodeSite& site, const char* format,
            va_list args) {
+  // Read on the first line, whether a sink takes it or not, so that a value
+  // not understood is reported all the same.
+  static const Target target = ReadLogTarget();
   const std::shared_ptr<const LogSink> sink = Sink();
+  const bool toStderr = !sink && target == Target::kStderr;
   // With no journal listening nobody would receive the line: skip even
   // formatting it.
-  if (!sink && !detail::JournalReachable()) return;
+  if (!sink && !toStderr && !detail::JournalReachable()) return;
 
   static constexpr char kKey[] = "MESSAGE=";
   constexpr std::size_t kKeyLength = sizeof kKey - 1;
@@ -81,6 +118,8 @@ void Write(LogBuffer buffer, LogPriority priority, const char* tag, const detail
   if (tag == nullptr) tag = "";
   if (sink) {
     (*sink)(buffer, priority, tag, field + kKeyLength);
+  } else if (toStderr) {
+    WriteToStderr(priority, tag, field + kKeyLength, length);
   } else {
     detail::JournalSend(buffer, priority, tag, site, field, kKeyLength + length);
   }

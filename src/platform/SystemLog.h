@@ -39,6 +39,15 @@ enum class LogPriority { kInfo, kWarning, kError };
 /// (for an error line, at most 50 ms); lines that come faster than the
 /// journal takes them are dropped, and a later line says how many.
 ///
+/// Where no sink is installed, the environment variable ZORVEL_LOG_TARGET,
+/// read once, when the first line is written, says where lines go:
+/// "journal" (also when unset) or "stderr", in any case. With "stderr" each
+/// line is written to standard error in a single write(2) as
+/// "[<priority>] <tag>: <text>" (priority info, warning or error), ending in
+/// exactly one newline (newlines that end the text are left out), even when
+/// no journal listens. Any other value means the journal, and one line on
+/// standard error says that the value was not understood.
+///
 /// Any thread. A sink runs on the calling thread. Nothing is reported back:
 /// a line that cannot be written is dropped.
 /// \param buffer the log the line belongs to.
