@@ -64,24 +64,10 @@ struct detail::OutcomeRoute {
   SharedCallback<void(const LinkStatus&)> linkCallback ZV_GUARDED_BY(callableSlotsMutex);
 
   void DeliverLink(const LinkStatus& status) ZV_EXCLUDES(callableSlotsMutex) {
-    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::ApplicationCallbackMutex());
-    SharedCallback<void(const LinkStatus&)> current;
-    {
-      common::MutexLock lock(callableSlotsMutex);
-      current = linkCallback;
-    }
-    if (current) (*current)(status);
+    RunExclusive(&OutcomeRoute::linkCallback, status);
   }
-
-  // Runs the callback under the lock that keeps callbacks from overlapping.
   void Deliver(const CommandOutcome& outcome) ZV_EXCLUDES(callableSlotsMutex) {
-    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::ApplicationCallbackMutex());
-    SharedCallback<void(const CommandOutcome&)> current;
-    {
-      common::MutexLock lock(callableSlotsMutex);
-      current = callback;
-    }
-    if (current) (*current)(outcome);
+    RunExclusive(&OutcomeRoute::callback, outcome);
   }
   void Detach() ZV_EXCLUDES(callableSlotsMutex) {
     dbus::client::detail::CallbackExclusion exclusive(ClientInternals::ApplicationCallbackMutex());
@@ -92,6 +78,22 @@ struct detail::OutcomeRoute {
       callback.swap(replacedOutcome);
       linkCallback.swap(replacedLink);
     }
+  }
+
+ private:
+  // Runs the callable in `slot` (one of the members above) under the lock
+  // that keeps callbacks from overlapping; it is copied out under the slots'
+  // lock, so a setter may replace it meanwhile.
+  template <typename Argument>
+  void RunExclusive(SharedCallback<void(const Argument&)> OutcomeRoute::*slot, const Argument& argument)
+      ZV_EXCLUDES(callableSlotsMutex) {
+    dbus::client::detail::CallbackExclusion exclusive(ClientInternals::ApplicationCallbackMutex());
+    SharedCallback<void(const Argument&)> current;
+    {
+      common::MutexLock lock(callableSlotsMutex);
+      current = this->*slot;
+    }
+    if (current) (*current)(argument);
   }
 };
 
