@@ -14,6 +14,7 @@
 #include <zorvel/dbus/client/TestHooks.h>
 
 #include "support/BusTest.h"
+#include "support/Outcomes.h"
 #include "support/VariantProbe.h"
 
 namespace zv_client::testing {
@@ -21,6 +22,7 @@ namespace {
 
 using dbus::client::DBusClientAsync;
 using End = DBusClientAsync::CommandEnd::Kind;
+using dbus::client::LinkState;
 using Found = std::vector<std::pair<int, std::string>>;
 using Strings = std::vector<std::string>;
 using Probes = std::vector<std::unique_ptr<VariantProbe>>;
@@ -45,27 +47,10 @@ std::size_t Unreleased(const Probes& probes) {
   return alive();
 }
 
-// The ends one command was told, in order, as the layer's observer saw them.
-struct Ends : Recorder<End> {
-  DBusClientAsync::CommandObserver Observer() {
-    return [this](const DBusClientAsync::CommandEnd& end) { Add(end.kind); };
-  }
-};
-
 // Records which kind of connect attempt made the link, and can step into the first one.
 class AttemptHook {
  public:
-  explicit AttemptHook(std::function<void()> onConnected = {}) : onConnected_(std::move(onConnected)) {
-    dbus::client::testing::SetHook([this](Hook point) {
-      if (point == Hook::kReconnectAwaitsLink) reconnectWaits_ = true;
-      if (point == Hook::kAttemptStarts) ++started_;
-      if (point == Hook::kTeardownBegins) ++teardowns_;
-      if (point != Hook::kConnectedByTimer && point != Hook::kConnectedByNameWatch) return;
-      (point == Hook::kConnectedByTimer ? byTimer_ : byNameWatch_)++;
-      if (onConnected_) std::exchange(onConnected_, nullptr)();
-    });
-  }
-  ~AttemptHook() { dbus::client::testing::SetHook(nullptr); }
+  explicit AttemptHook(std::function<void()> onConnected = {}) : onConnected_(std::move(onConnected)) {}
   int byTimer() const { return byTimer_; }
   int byNameWatch() const { return byNameWatch_; }
   bool reconnectWaits() const { return reconnectWaits_; }
@@ -76,6 +61,14 @@ class AttemptHook {
   std::function<void()> onConnected_;  // run once, on the main-loop thread
   std::atomic<int> byTimer_{0}, byNameWatch_{0}, started_{0}, teardowns_{0};
   std::atomic<bool> reconnectWaits_{false};
+  ScopedHook hook_{[this](Hook point) {  // after what it touches
+    if (point == Hook::kReconnectAwaitsLink) reconnectWaits_ = true;
+    if (point == Hook::kAttemptStarts) ++started_;
+    if (point == Hook::kTeardownBegins) ++teardowns_;
+    if (point != Hook::kConnectedByTimer && point != Hook::kConnectedByNameWatch) return;
+    (point == Hook::kConnectedByTimer ? byTimer_ : byNameWatch_)++;
+    if (onConnected_) std::exchange(onConnected_, nullptr)();
+  }};
 };
 
 class TheCommandLayer : public BusTest {
@@ -84,13 +77,10 @@ class TheCommandLayer : public BusTest {
 
   std::unique_ptr<DBusClientAsync> NewClient(int readyCount = 1) {  // waits for its readyCount-th readiness
     auto client = std::make_unique<DBusClientAsync>();
-    readies_ = 0;
-    reports_ = 0;
+    readies_ = reports_ = 0;
     client->SetLinkStateObserver([this](const dbus::client::LinkStatus& status) {
-      if (status.state == dbus::client::LinkState::kReady) ++readies_;
-      if (status.state == dbus::client::LinkState::kReady || status.state == dbus::client::LinkState::kWaitingForDaemon) {
-        ++reports_;
-      }
+      readies_ += status.state == LinkState::kReady;
+      reports_ += status.state == LinkState::kReady || status.state == LinkState::kWaitingForDaemon;
     });
     client->SetSignalCallback("onFound", [this](GVariant* parameters) {
       std::string name;
@@ -151,13 +141,9 @@ TEST_F(TheCommandLayer, RestoresALostLinkAndReplaysInOrder) {
   sim().Kill();
   ASSERT_TRUE(WaitUntil([&] { return attempts.reconnectWaits(); })) << logs().Dump();
   EXPECT_FALSE(client->IsConnected());
-  const std::vector<std::pair<std::string, GVariant*>> held{{"readProfiles", nullptr},
-                                                            {"init", nullptr},
-                                                            {"connect", common::IntegerToVariant(5)},
-                                                            {"deleteStoredProfile", common::IntegerToVariant(7)}};
-  for (std::size_t i = 0; i < held.size(); ++i) {
-    ASSERT_TRUE(client->Submit(held[i].first, held[i].second, -1, ends[i].Observer()));
-  }
+  const char* const methods[] = {"readProfiles", "init", "connect", "deleteStoredProfile"};
+  GVariant* const params[] = {nullptr, nullptr, common::IntegerToVariant(5), common::IntegerToVariant(7)};
+  for (std::size_t i = 0; i < 4; ++i) ASSERT_TRUE(client->Submit(methods[i], params[i], -1, ends[i].Observer()));
   for (const Ends& end : ends) ASSERT_TRUE(end.WaitFor({End::kHeld}));
 
   ASSERT_TRUE(sim().Start());
@@ -281,21 +267,18 @@ TEST_F(TheCommandLayer, TeardownDoesNotWaitForTheDaemon) {
   Probes probes;
   std::array<Ends, 7> inFlight, held;
   const auto issueAll = [&](DBusClientAsync& client, std::array<Ends, 7>& ends) {
-    for (std::size_t i = 0; i < kMethods.size(); ++i) {
+    for (std::size_t i = 0; i < kMethods.size(); ++i)
       ASSERT_TRUE(client.Submit(kMethods[i], ParamsFor(kMethods[i], probes), -1, ends[i].Observer()));
-    }
-  };
-  // Bounded by the deadline, far below the reply due in a minute.
-  const auto destroyedInTime = [](std::unique_ptr<DBusClientAsync>& client) {
-    return FinishesInBoundedTime([&] { client.reset(); });
   };
 
   // One command blocked on a late reply, six behind it: teardown cancels and discards.
   control().SetDelay("init", 60000);
   auto client = NewClient();
+  // Bounded by the deadline, far below the reply due in a minute.
+  const auto destroyedInTime = [&] { return FinishesInBoundedTime([&] { client.reset(); }); };
   issueAll(*client, inFlight);
   ASSERT_TRUE(control().WaitForCall("init"));
-  EXPECT_TRUE(destroyedInTime(client)) << "teardown waited for the daemon";
+  EXPECT_TRUE(destroyedInTime()) << "teardown waited for the daemon";
   EXPECT_EQ(control().GetCalls().size(), 1u) << "a command waiting behind the blocked one was sent";
   EXPECT_EQ(Unreleased(probes), 0u) << "params of a cancelled or discarded command leaked";
   for (const Ends& end : inFlight) EXPECT_EQ(end.Items().size(), 1u) << "not ended exactly once";
@@ -305,7 +288,7 @@ TEST_F(TheCommandLayer, TeardownDoesNotWaitForTheDaemon) {
   client = NewClient(0);
   issueAll(*client, held);
   for (const Ends& end : held) ASSERT_TRUE(end.WaitFor({End::kHeld}));
-  EXPECT_TRUE(destroyedInTime(client)) << "teardown waited for the daemon";
+  EXPECT_TRUE(destroyedInTime()) << "teardown waited for the daemon";
   for (const Ends& end : held) EXPECT_EQ(end.Items(), (std::vector<End>{End::kHeld, End::kDiscarded}));
   EXPECT_EQ(Unreleased(probes), 0u) << "params of a held command leaked";
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <future>
-#include <optional>
 #include <tuple>
 #include <utility>
 
@@ -14,6 +13,7 @@
 #include <zorvel/LauncherTesting.h>
 
 #include "support/BusTest.h"
+#include "support/Outcomes.h"
 
 namespace zv_client::testing {
 namespace {
@@ -27,33 +27,6 @@ using Found = std::pair<int, std::string>;
 using Available = std::pair<int, bool>;
 using Texts = std::vector<std::string>;
 using Hook = dbus::client::testing::Point;
-
-// Every outcome a Launcher delivered, with the thread it came on.
-class Outcomes : public Recorder<std::pair<CommandOutcome, std::thread::id>> {
- public:
-  // Records each outcome, after running `also` on it (in the callback); a command must end once.
-  void Attach(Launcher& launcher, std::function<void(const CommandOutcome&)> also = {}) {
-    launcher.SetOnCommandOutcome([this, also](const CommandOutcome& outcome) {
-      if (also) also(outcome);
-      EXPECT_FALSE(outcome.final && Find(outcome.id, true)) << "command " << outcome.id << " told after it ended";
-      Add({outcome, std::this_thread::get_id()});
-    });
-  }
-  // The outcome of `id` (final, or held) with its thread, if it came.
-  std::optional<std::pair<CommandOutcome, std::thread::id>> Find(CommandId id, bool final = true) const {
-    for (const auto& told : Items()) {
-      if (told.first.id == id && told.first.final == final) return told;
-    }
-    return std::nullopt;
-  }
-  // The final outcome of `id`, waiting for it; an empty one (and a failure) at the deadline.
-  CommandOutcome Final(CommandId id) const {
-    EXPECT_TRUE(WaitUntil([&] { return Find(id).has_value(); })) << "no outcome for command " << id;
-    const auto told = Find(id);
-    return told ? told->first : CommandOutcome();
-  }
-  bool HeldFirst(CommandId id) const { return Find(id, false).has_value(); }
-};
 
 class LauncherTest : public BusTest {
  protected:
@@ -77,18 +50,17 @@ class LauncherTest : public BusTest {
     if (launcher.Init() == 0 && ReadyTimes(1)) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the daemon never became ready\n" << logs().Dump();
   }
+  ::testing::AssertionResult AttachedReady(Launcher& launcher) { return Attach(launcher), InitReady(launcher); }
   void Attach(Launcher& launcher) {
     launcher.SetOnInstanceFoundCallback([this](int id, const std::string& name) { found_.Add({id, name}); });
     launcher.SetOnCancelConnectionCallback([this](int status) { cancelled_.Add(status); });
     launcher.SetOnConnectionAvailable([this](int id, bool state) { available_.Add({id, state}); });
     outcomes_.Attach(launcher);
   }
-  // Issues a command through `issue(&id)` and waits for its final outcome.
-  template <typename Issue>
-  CommandOutcome Run(Issue issue) {
-    CommandId id = 0;
-    issue(&id);
-    return outcomes_.Final(id);
+  static void ClearCallbacks(Launcher& launcher) {
+    launcher.SetOnInstanceFoundCallback(nullptr);
+    launcher.SetOnCancelConnectionCallback(nullptr);
+    launcher.SetOnConnectionAvailable(nullptr);
   }
   void EmitEach(const std::string& member, std::initializer_list<GVariant*> bodies) {
     for (GVariant* body : bodies) control().Emit(member, body);
@@ -141,28 +113,28 @@ TEST_F(LauncherTest, OutcomesCarryTheAnswerOrTheError) {
   Launcher launcher;
   outcomes_.Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
-  CommandOutcome outcome = Run([&](CommandId* id) { launcher.Connect(7, id); });
+  CommandOutcome outcome = outcomes_.Run([&](CommandId* id) { launcher.Connect(7, id); });
   EXPECT_EQ(std::tie(outcome.status, outcome.method, outcome.argument, outcome.answer),
             std::make_tuple(CommandStatus::kAnswered, "connect", std::optional<int>(7), 0));
-  EXPECT_EQ(Run([&](CommandId* id) { launcher.Connect(8, id); }).errorName, zorvel::kErrorConnectPending);
+  EXPECT_EQ(outcomes_.Run([&](CommandId* id) { launcher.Connect(8, id); }).errorName, zorvel::kErrorConnectPending);
 
   control().SetAnswer("startBroadcast", 7);  // a refusal is an answer
-  outcome = Run([&](CommandId* id) { launcher.StartBroadcast(true, id); });
-  EXPECT_EQ(outcome.argument, 1);
-  EXPECT_EQ(outcome.answer, 7);
+  outcome = outcomes_.Run([&](CommandId* id) { launcher.StartBroadcast(true, id); });
+  EXPECT_EQ(std::tie(outcome.argument, outcome.answer), std::make_tuple(std::optional<int>(1), 7));
   control().SetError("deleteStoredProfile", "org.example.Error.Busy", "busy right now");
-  outcome = Run([&](CommandId* id) { launcher.DeleteStoredProfile(1, id); });
+  outcome = outcomes_.Run([&](CommandId* id) { launcher.DeleteStoredProfile(1, id); });
   EXPECT_EQ(std::tie(outcome.status, outcome.errorName, outcome.errorMessage),
             std::make_tuple(CommandStatus::kFailed, "org.example.Error.Busy", "busy right now"));
   // A repeat is recognised by its method alone.
-  EXPECT_EQ(Run([&](CommandId* id) { launcher.DeleteStoredProfile(2, id); }).status, CommandStatus::kDroppedAsRepeat);
+  EXPECT_EQ(outcomes_.Run([&](CommandId* id) { launcher.DeleteStoredProfile(2, id); }).status,
+            CommandStatus::kDroppedAsRepeat);
   control().SetReply("connect", g_variant_new("(s)", "seven"));
   launcher.StartBroadcast(false);
-  EXPECT_EQ(Run([&](CommandId* id) { launcher.Connect(9, id); }).errorName, zorvel::kErrorInvalidReply);
+  EXPECT_EQ(outcomes_.Run([&](CommandId* id) { launcher.Connect(9, id); }).errorName, zorvel::kErrorInvalidReply);
   for (GVariant* reply : {g_variant_new("(i)", 5), g_variant_new("((i))", 1)}) {  // a list that does not decode
     control().SetReply("readProfiles", reply);
     launcher.StartBroadcast(false);
-    EXPECT_EQ(Run([&](CommandId* id) { launcher.ReadProfiles(id); }).errorName, zorvel::kErrorInvalidReply);
+    EXPECT_EQ(outcomes_.Run([&](CommandId* id) { launcher.ReadProfiles(id); }).errorName, zorvel::kErrorInvalidReply);
   }
   EXPECT_TRUE(found_.Items().empty());
   EXPECT_EQ(control().CallTexts(),
@@ -208,24 +180,20 @@ TEST_F(LauncherTest, StopBroadcastInADeliveryDiscardsHeldCommands) {
   });
   ASSERT_TRUE(InitReady(launcher));
   std::atomic<CommandId> held{0};
-  dbus::client::testing::SetHook([&](Hook point) {
+  ScopedHook hook([&](Hook point) {
     if (point != Hook::kDisconnectAwaitsPool || held != 0) return;
     control().ReleaseName();
     EXPECT_TRUE(WaitUntil([] { return !CurrentClient()->IsConnected(); }));
     CommandId id = 0;
     launcher.StartBroadcast(true, &id);
     held = id;
-    EXPECT_TRUE(WaitUntil([] {  // its "held" waits for us
-      return static_cast<dbus::client::DBusClientAsync*>(CurrentClient())->GetCounts().held == 1;
-    }));
+    EXPECT_TRUE(WaitUntil([] { return Client().GetCounts().held == 1; }));  // its "held" waits for us
   });
   launcher.DeleteStoredProfile(1, &trigger);
   ASSERT_TRUE(WaitUntil([&] { return held != 0; }));
   const CommandOutcome outcome = outcomes_.Final(held);
-  dbus::client::testing::SetHook(nullptr);
-  EXPECT_EQ(outcome.status, CommandStatus::kDiscarded);
-  EXPECT_TRUE(outcome.wasHeld);
-  EXPECT_TRUE(outcomes_.HeldFirst(held));
+  EXPECT_EQ(std::make_pair(outcome.status, outcome.wasHeld), std::make_pair(CommandStatus::kDiscarded, true));
+  EXPECT_TRUE(outcomes_.Find(held, false));
   EXPECT_EQ(outcomes_.Find(held)->second, outcomes_.Find(trigger)->second);
 }
 
@@ -269,8 +237,7 @@ TEST_F(LauncherTest, ASecondInitReplacesTheClient) {
   ASSERT_TRUE(ReadyTimes(1));
   control().SetNoReply("readProfiles", false);
   second.ReadProfiles();
-  ASSERT_TRUE(found_.WaitForSize(2));
-  EXPECT_EQ(found_.Items(), (std::vector<Found>{{1, "One"}, {2, "Two"}}));
+  EXPECT_TRUE(Holds(found_, {{1, "One"}, {2, "Two"}}));
   EXPECT_TRUE(firstFound.Items().empty());
   EXPECT_TRUE(control().CallsOf("startBroadcast").empty());
 }
@@ -295,15 +262,14 @@ TEST_F(LauncherTest, ReadProfilesListsFullIdsFirst) {
     control().SetReply("readProfiles", common::ProfilesToVariant(store));
     launcher.StartBroadcast(false);  // so that ReadProfiles is no repeat
     const std::size_t before = found_.Items().size();
-    const CommandOutcome outcome = Run([&](CommandId* id) { launcher.ReadProfiles(id); });
+    const CommandOutcome outcome = outcomes_.Run([&](CommandId* id) { launcher.ReadProfiles(id); });
     ASSERT_EQ(outcome.status, CommandStatus::kAnswered) << outcome.errorMessage;
     ASSERT_EQ(outcome.profiles.size(), store.size());
     EXPECT_EQ(foundWhenListed, before) << "the list came after instance-found calls";
     ASSERT_TRUE(found_.WaitForSize(before + store.size()));
     const std::vector<Found> found = found_.Items();
     for (std::size_t i = 0; i < store.size(); ++i) {
-      EXPECT_EQ(outcome.profiles[i].id, store[i].id);
-      EXPECT_EQ(outcome.profiles[i].name, store[i].name);
+      EXPECT_EQ(std::tie(outcome.profiles[i].id, outcome.profiles[i].name), std::tie(store[i].id, store[i].name));
       EXPECT_EQ(found[before + i], (Found{store[i].id & 0xffff, store[i].name}));
     }
   }
@@ -313,34 +279,29 @@ TEST_F(LauncherTest, ReadProfilesListsFullIdsFirst) {
   for (int id = 0; id < 100; ++id) tooMany.emplace_back(id, "profile");
   control().SetProfiles(tooMany);
   launcher.StartBroadcast(false);
-  EXPECT_EQ(Run([&](CommandId* id) { launcher.ReadProfiles(id); }).errorName,
+  EXPECT_EQ(outcomes_.Run([&](CommandId* id) { launcher.ReadProfiles(id); }).errorName,
             "org.freedesktop.DBus.Error.LimitsExceeded");
 }
 
 TEST_F(LauncherTest, SignalsReachTheirCallbacks) {
   Launcher launcher;
-  Attach(launcher);
-  ASSERT_TRUE(InitReady(launcher));
+  ASSERT_TRUE(AttachedReady(launcher));
   const std::string raw("\xff\x00zorvel", 8);
   // Malformed payloads (every shape is fuzzed) are dropped here as on the bus.
-  control().Emit("onFound", common::SerializeIntoGVariant("Kitchen speaker", 12));
-  EmitEach("onFound", {g_variant_new("(ayq)", nullptr, 12), g_variant_new("(si)", "Kitchen speaker", 12), nullptr});
-  control().Emit("onFound", common::SerializeIntoGVariant(raw, 13));
-  control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall display", 7}, 3));  // the status, not the id
-  EmitEach("onCancel", {common::IntegerToVariant(5), nullptr});
+  EmitEach("onFound", {common::SerializeIntoGVariant("Kitchen speaker", 12), g_variant_new("(ayq)", nullptr, 12),
+                       g_variant_new("(si)", "Kitchen speaker", 12), nullptr, common::SerializeIntoGVariant(raw, 13)});
+  EmitEach("onCancel", {common::ProfileWithStatusToVariant({"Hall display", 7}, 3),  // the status, not the id
+                        common::IntegerToVariant(5), nullptr});
   EmitEach("onConnectionAvailable", {g_variant_new("(qq)", 5, 2), g_variant_new("(qq)", 65535, 0),
                                      g_variant_new("(s)", "5")});                 // of another type: both numbers 0
   control().Emit("onVoiceGuideSay", common::SerializeIntoGVariant("Turn left"));  // no handler
   control().Emit("onServiceShutdown", common::IntegerToVariant(1));
-  ASSERT_TRUE(available_.WaitForSize(3));  // one sender: everything before it was handled
+  ASSERT_TRUE(Holds(available_, {{5, true}, {65535, false}, {0, false}}));  // one sender: all before it were handled
   EXPECT_EQ(found_.Items(), (std::vector<Found>{{12, "Kitchen speaker"}, {13, raw}}));
   EXPECT_EQ(cancelled_.Items(), std::vector<int>{3});
-  EXPECT_EQ(available_.Items(), (std::vector<Available>{{5, true}, {65535, false}, {0, false}}));
 
   // Cleared callbacks are skipped; their handlers still run.
-  launcher.SetOnInstanceFoundCallback(nullptr);
-  launcher.SetOnCancelConnectionCallback(nullptr);
-  launcher.SetOnConnectionAvailable(nullptr);
+  ClearCallbacks(launcher);
   control().Emit("onFound", common::SerializeIntoGVariant("Kitchen speaker", 101));
   control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall display", 7}, 3));
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 5, 1));
@@ -368,10 +329,8 @@ TEST_F(LauncherTest, CallbacksKeepTheirStateBetweenEvents) {
     control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall", 7}, n));
     control().Emit("onFound", common::SerializeIntoGVariant("Hall", n));
   }
-  ASSERT_TRUE(availableCounts.WaitForSize(3) && cancelled_.WaitForSize(3) && found_.WaitForSize(3));
-  EXPECT_EQ(availableCounts.Items(), (std::vector<int>{1, 2, 3}));
-  EXPECT_EQ(cancelled_.Items(), (std::vector<int>{1, 2, 3}));
-  EXPECT_EQ(found_.Items(), (std::vector<Found>{{1, "1"}, {2, "2"}, {3, "3"}}));
+  EXPECT_TRUE(Holds(availableCounts, {1, 2, 3}) && Holds(cancelled_, {1, 2, 3}));
+  EXPECT_TRUE(Holds(found_, {{1, "1"}, {2, "2"}, {3, "3"}}));
 }
 
 TEST_F(LauncherTest, SettersMayRaceDeliveries) {
@@ -387,9 +346,7 @@ TEST_F(LauncherTest, SettersMayRaceDeliveries) {
       launcher.SetOnCancelConnectionCallback([&, capture](int) { cancelCalls += !capture.empty(); });
       launcher.SetOnConnectionAvailable([&, capture](int, bool) { availableCalls += !capture.empty(); });
       if (round % 3 != 2) continue;  // and now and then cleared
-      launcher.SetOnInstanceFoundCallback(nullptr);
-      launcher.SetOnCancelConnectionCallback(nullptr);
-      launcher.SetOnConnectionAvailable(nullptr);
+      ClearCallbacks(launcher);
     }
   });
   // Deliveries on the loop thread (broadcast, cancel, available) and on command threads (stored profiles).
@@ -429,37 +386,32 @@ TEST_F(LauncherTest, CallbacksMayCallTheLauncher) {
   EXPECT_EQ(stopResult, 4);
   EXPECT_EQ(control().CallTexts(), (Texts{"connect(7,)", "startBroadcast(1,)", "readProfiles()", "stopBroadcast()"}));
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 9, 0));
-  ASSERT_TRUE(available_.WaitForSize(1));
-  EXPECT_EQ(available_.Items(), (std::vector<Available>{{9, false}}));
+  EXPECT_TRUE(Holds(available_, {{9, false}}));
 }
 
 TEST_F(LauncherTest, ListenersHearARestartedDaemon) {
   Launcher launcher;
-  Attach(launcher);
-  ASSERT_TRUE(InitReady(launcher));
+  ASSERT_TRUE(AttachedReady(launcher));
   sim().Kill();
   ASSERT_TRUE(sim().Start());
   ASSERT_TRUE(ReadyTimes(2)) << logs().Dump();
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 3, 1));
-  ASSERT_TRUE(available_.WaitForSize(1));
-  EXPECT_EQ(available_.Items(), (std::vector<Available>{{3, true}}));
+  EXPECT_TRUE(Holds(available_, {{3, true}}));
   EXPECT_TRUE(control().GetCalls().empty());
 }
 
 TEST_F(LauncherTest, OutlivesARestartOfTheSystemBus) {
   Launcher launcher;
-  Attach(launcher);
-  ASSERT_TRUE(InitReady(launcher));
+  ASSERT_TRUE(AttachedReady(launcher));
   CommandId connect = 0;
   // GLib's shared connection would end this process with the bus.
   RestartBusAndDaemon([&] {
     EXPECT_EQ(launcher.Connect(8, &connect), 0);
-    EXPECT_TRUE(WaitUntil([&] { return outcomes_.HeldFirst(connect); }));
+    EXPECT_TRUE(WaitUntil([&] { return outcomes_.Find(connect, false).has_value(); }));
   });
   EXPECT_EQ(outcomes_.Final(connect).status, CommandStatus::kAnswered);
   EXPECT_EQ(control().CallTexts(), Texts{"connect(8,)"});
-  ASSERT_TRUE(available_.WaitForSize(1));  // the sim follows a connect with (8, 1): signals flow
-  EXPECT_EQ(available_.Items(), (std::vector<Available>{{8, true}}));
+  EXPECT_TRUE(Holds(available_, {{8, true}}));  // the sim follows a connect with (8, 1): signals flow
 }
 
 TEST_F(LauncherTest, CommandsMayRaceTheClientsReplacement) {
@@ -491,8 +443,7 @@ TEST_F(LauncherTest, CommandsMayRaceTheClientsReplacement) {
 TEST_F(LauncherTest, IgnoresStrangersSignals) {
   control().SetInstances({});
   Launcher launcher;
-  Attach(launcher);
-  ASSERT_TRUE(InitReady(launcher));
+  ASSERT_TRUE(AttachedReady(launcher));
   const std::string application = zorvel::testing::CurrentClientBusName();
   ASSERT_FALSE(application.empty());
   for (const std::string& destination : {std::string(), application}) {  // broadcast and unicast
@@ -502,11 +453,10 @@ TEST_F(LauncherTest, IgnoresStrangersSignals) {
   }
   // A real signal after the fake ones: once it is in, the fakes would be too.
   control().Emit("onFound", common::SerializeIntoGVariant("real", 7));
-  ASSERT_TRUE(found_.WaitForSize(1));
-  EXPECT_EQ(found_.Items(), (std::vector<Found>{{7, "real"}}));
+  ASSERT_TRUE(Holds(found_, {{7, "real"}}));
   EXPECT_TRUE(available_.Items().empty());
   // The fake "onDbusClosing" left the client ready: a command runs at once, it is not held.
-  const CommandOutcome outcome = Run([&](CommandId* id) { launcher.DeleteStoredProfile(1, id); });
+  const CommandOutcome outcome = outcomes_.Run([&](CommandId* id) { launcher.DeleteStoredProfile(1, id); });
   EXPECT_EQ(std::make_pair(outcome.status, outcome.wasHeld), std::make_pair(CommandStatus::kAnswered, false));
 }
 

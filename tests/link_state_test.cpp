@@ -24,19 +24,21 @@ class LinkStateTest : public BusTest {
       statuses_.Add(status);
     });
   }
-  // The states told since the `from`th, once the last of them is `last` (all of them at the deadline).
-  States Since(std::size_t from, LinkState last) const {
+  // The states told since the last call, once the last of them is `last` (all of them at the deadline).
+  States Next(LinkState last) {
+    const std::size_t from = mark_;
     WaitUntil([&] {
       const auto told = statuses_.Items();
       return told.size() > from && told.back().state == last;
     });
-    States states;
     const auto told = statuses_.Items();
+    mark_ = told.size();
+    States states;
     for (std::size_t i = from; i < told.size(); ++i) states.push_back(told[i].state);
     return states;
   }
-  std::size_t Told() const { return statuses_.Items().size(); }
 
+  std::size_t mark_ = 0;
   std::thread::id mainLoop_;
   Recorder<LinkStatus> statuses_;
   Launcher launcher_;  // after what its callback touches
@@ -44,37 +46,28 @@ class LinkStateTest : public BusTest {
 
 TEST_F(LinkStateTest, FollowsInitStopBroadcastAndADaemonRestart) {
   ASSERT_EQ(launcher_.Init(), 0);
-  EXPECT_EQ(Since(0, LinkState::kReady), (States{LinkState::kConnecting, LinkState::kReady}));
-
-  std::size_t from = Told();
+  EXPECT_EQ(Next(LinkState::kReady), (States{LinkState::kConnecting, LinkState::kReady}));
   launcher_.StopBroadcast();
-  EXPECT_EQ(Since(from, LinkState::kHeldUntilNewOwner), States{LinkState::kHeldUntilNewOwner});
-
-  from = Told();
+  EXPECT_EQ(Next(LinkState::kHeldUntilNewOwner), States{LinkState::kHeldUntilNewOwner});
   control().Restart();  // the name passes to a new owner
-  EXPECT_EQ(Since(from, LinkState::kReady),
-            (States{LinkState::kWaitingForDaemon, LinkState::kConnecting, LinkState::kReady}));
+  EXPECT_EQ(Next(LinkState::kReady), (States{LinkState::kWaitingForDaemon, LinkState::kConnecting, LinkState::kReady}));
 
-  from = Told();
   sim().Kill();
-  EXPECT_EQ(Since(from, LinkState::kWaitingForDaemon), States{LinkState::kWaitingForDaemon});
+  EXPECT_EQ(Next(LinkState::kWaitingForDaemon), States{LinkState::kWaitingForDaemon});
   ASSERT_TRUE(sim().Start());
-  EXPECT_EQ(Since(from, LinkState::kReady),
-            (States{LinkState::kWaitingForDaemon, LinkState::kConnecting, LinkState::kReady}));
+  EXPECT_EQ(Next(LinkState::kReady), (States{LinkState::kConnecting, LinkState::kReady}));
 }
 
 TEST_F(LinkStateTest, SaysWhenTheBusIsUnreachable) {
   ASSERT_EQ(launcher_.Init(), 0);
-  ASSERT_EQ(Since(0, LinkState::kReady).back(), LinkState::kReady);
-  const std::size_t from = Told();
+  ASSERT_EQ(Next(LinkState::kReady).back(), LinkState::kReady);
   const auto lastIs = [&](LinkState state) {
     return WaitUntil([&] { return statuses_.Items().back().state == state; });
   };
   RestartBusAndDaemon([&] { EXPECT_TRUE(lastIs(LinkState::kWaitingForDaemon)); },
                       [&] { EXPECT_TRUE(lastIs(LinkState::kBusUnreachable)); });
-  EXPECT_EQ(Since(from, LinkState::kReady), (States{LinkState::kWaitingForDaemon, LinkState::kBusUnreachable,
-                                                    LinkState::kWaitingForDaemon, LinkState::kConnecting,
-                                                    LinkState::kReady}));
+  EXPECT_EQ(Next(LinkState::kReady), (States{LinkState::kWaitingForDaemon, LinkState::kBusUnreachable,
+                                             LinkState::kWaitingForDaemon, LinkState::kConnecting, LinkState::kReady}));
   for (const LinkStatus& status : statuses_.Items()) {
     if (status.state != LinkState::kBusUnreachable) continue;
     EXPECT_EQ(status.busAddress, BusAddress());

@@ -15,6 +15,7 @@
 #include <zorvel/LauncherTesting.h>
 
 #include "support/BusTest.h"
+#include "support/Outcomes.h"
 
 namespace zv_client::testing {
 namespace {
@@ -35,58 +36,25 @@ constexpr std::size_t kLargestStack = 1024 * 1024;
 constexpr std::size_t kLargestStack = 512 * 1024;
 #endif
 
-// Removes the test hook however the test ends.
-struct ScopedHook {
-  explicit ScopedHook(std::function<void(Hook)> hook) { dbus::client::testing::SetHook(std::move(hook)); }
-  ~ScopedHook() { dbus::client::testing::SetHook(nullptr); }
-};
-
 std::thread::id MainLoopThread() {
   std::thread::id id;
   RunOnMainLoop([&] { id = std::this_thread::get_id(); });
   return id;
 }
 
-DBusClientAsync& Client() { return *static_cast<DBusClientAsync*>(zorvel::testing::CurrentClient()); }
-
-// Every outcome a Launcher delivered, with the thread it came on.
-class Told : public Recorder<std::pair<CommandOutcome, std::thread::id>> {
- public:
-  void Attach(Launcher& launcher, std::function<void(const CommandOutcome&)> also = {}) {
-    launcher.SetOnCommandOutcome([this, also](const CommandOutcome& outcome) {
-      if (also) also(outcome);
-      Add({outcome, std::this_thread::get_id()});
-    });
-  }
-  // The statuses `id` was told, in order, once it ended (empty at the deadline).
-  std::vector<CommandStatus> Of(CommandId id) const {
-    std::vector<CommandStatus> statuses;
-    WaitUntil([&] {
-      statuses.clear();
-      bool ended = false;
-      for (const auto& [outcome, thread] : Items()) {
-        if (outcome.id != id) continue;
-        statuses.push_back(outcome.status);
-        ended = ended || outcome.final;
-      }
-      return ended;
-    });
-    return statuses;
-  }
-};
-
 class Liveness : public BusTest {
  protected:
-  // Init, and wait until a first command was answered: the layer is ready.
-  ::testing::AssertionResult InitReady(Launcher& launcher) {
+  // Records the outcomes of `launcher` (see Outcomes::Attach), inits it, and waits until a first command was
+  // answered: the layer is ready.
+  ::testing::AssertionResult InitReady(Launcher& launcher, std::function<void(const CommandOutcome&)> also = {}) {
+    told_.Attach(launcher, std::move(also));
     if (launcher.Init() != 0) return ::testing::AssertionFailure() << "Init failed";
-    CommandId id = 0;
-    launcher.DeleteStoredProfile(99, &id);
-    if (told_.Of(id).back() == CommandStatus::kAnswered) return ::testing::AssertionSuccess();
+    if (told_.Run([&](CommandId* id) { launcher.DeleteStoredProfile(99, id); }).status == CommandStatus::kAnswered)
+      return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the daemon never became ready\n" << logs().Dump();
   }
 
-  Told told_;
+  Outcomes told_;
 };
 
 TEST_F(Liveness, DisconnectInsideADirectOutcomeWaitsForNoEarlierDelivery) {
@@ -96,10 +64,9 @@ TEST_F(Liveness, DisconnectInsideADirectOutcomeWaitsForNoEarlierDelivery) {
   Launcher launcher;
   CommandId stop = 0;
   std::atomic<CommandId> held{0};
-  told_.Attach(launcher, [&](const CommandOutcome& outcome) {
+  ASSERT_TRUE(InitReady(launcher, [&](const CommandOutcome& outcome) {
     if (outcome.id == stop) launcher.StopBroadcast();
-  });
-  ASSERT_TRUE(InitReady(launcher));
+  }));
   std::atomic<bool> acted{false};
   ScopedHook hook([&](Hook point) {
     if (point != Hook::kDisconnectAwaitsPool || acted.exchange(true)) return;
@@ -120,7 +87,6 @@ TEST_F(Liveness, ClosingEventMeetingStopBroadcastLeavesTheMainLoopRunning) {
   // which is held there (signal lock held) until a command was held meanwhile and its "held" outcome
   // waits for that lock. The main loop's discarded outcome must come after it, and not wait for it.
   Launcher launcher;
-  told_.Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
   const std::thread::id mainLoop = MainLoopThread();
   std::atomic<bool> closingArrived{false}, release{false}, stopArrived{false};
@@ -145,15 +111,6 @@ TEST_F(Liveness, ClosingEventMeetingStopBroadcastLeavesTheMainLoopRunning) {
 }
 
 TEST_F(Liveness, ReplayRunsOffTheMainLoopInOrderBeforeLaterCommands) {
-  struct Ends : Recorder<End> {
-    std::thread::id thread;
-    DBusClientAsync::CommandObserver Observer() {
-      return [this](const DBusClientAsync::CommandEnd& end) {
-        thread = std::this_thread::get_id();
-        Add(end.kind);
-      };
-    }
-  };
   Ends startBroadcast, connect, deinit;
   control().ReleaseName();
   DBusClientAsync client;
@@ -176,8 +133,8 @@ TEST_F(Liveness, ReplayRunsOffTheMainLoopInOrderBeforeLaterCommands) {
   EXPECT_TRUE(deinit.WaitFor({End::kRan}));
   EXPECT_EQ(control().CallTexts(), (std::vector<std::string>{"startBroadcast(1,)", "connect(5,)", "deinit()"}));
   const std::thread::id mainLoop = MainLoopThread();
-  EXPECT_NE(startBroadcast.thread, mainLoop);
-  EXPECT_NE(connect.thread, mainLoop);
+  EXPECT_NE(startBroadcast.thread.load(), mainLoop);
+  EXPECT_NE(connect.thread.load(), mainLoop);
   EXPECT_EQ(client.GetCounts().replayed, 2u);
 }
 
@@ -208,8 +165,7 @@ TEST_F(Liveness, ConnectAttemptsLeaveTheMainLoopRunningWhileTheBusIsFrozen) {
   EXPECT_TRUE(attempting);
   EXPECT_TRUE(mainLoopRan) << "the main loop waited for the bus";
   EXPECT_TRUE(WaitUntil([&] { return beat.load(); }));
-  const std::vector<CommandStatus> statuses = told_.Of(id);
-  EXPECT_EQ(statuses.back(), CommandStatus::kAnswered) << "no link after the bus thawed\n" << logs().Dump();
+  EXPECT_EQ(told_.Of(id).back(), CommandStatus::kAnswered) << "no link after the bus thawed\n" << logs().Dump();
 }
 
 TEST_F(Liveness, NameWatchFollowsTheBusAcrossItsRestart) {
@@ -222,7 +178,6 @@ TEST_F(Liveness, NameWatchFollowsTheBusAcrossItsRestart) {
     if (point == Hook::kConnectedByTimer) ++byTimer;
   });
   Launcher launcher;
-  told_.Attach(launcher);
   ASSERT_TRUE(InitReady(launcher));
   for (int round = 1; round <= 2; ++round) {
     const int connected = byNameWatch + byTimer;
@@ -235,15 +190,13 @@ TEST_F(Liveness, NameWatchFollowsTheBusAcrossItsRestart) {
   }
   // A retry can win a round only on a machine stalled for most of its 500 ms.
   EXPECT_GE(byNameWatch, 1);
-  CommandId id = 0;
-  launcher.StartBroadcast(true, &id);
-  EXPECT_EQ(told_.Of(id).back(), CommandStatus::kAnswered);
+  EXPECT_EQ(told_.Run([&](CommandId* id) { launcher.StartBroadcast(true, id); }).status, CommandStatus::kAnswered);
 }
 
 TEST_F(Liveness, CommandThreadsAreSmallAndAFailedStartEndsTheCommand) {
   std::atomic<std::size_t> stack{0};
   Launcher launcher;
-  told_.Attach(launcher, [&](const CommandOutcome&) {
+  ASSERT_TRUE(InitReady(launcher, [&](const CommandOutcome&) {  // its outcome comes on the thread that ran it
     pthread_attr_t attributes;
     std::size_t size = 0;
     if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
@@ -251,8 +204,7 @@ TEST_F(Liveness, CommandThreadsAreSmallAndAFailedStartEndsTheCommand) {
       pthread_attr_destroy(&attributes);
     }
     stack = size;
-  });
-  ASSERT_TRUE(InitReady(launcher));  // its outcome came on the command thread that ran it
+  }));
   EXPECT_GT(stack, 0u);
   EXPECT_LE(stack, kLargestStack);
 
@@ -266,9 +218,8 @@ TEST_F(Liveness, CommandThreadsAreSmallAndAFailedStartEndsTheCommand) {
     EXPECT_EQ(std::make_tuple(ended.id, ended.status, ended.errorName),
               std::make_tuple(id, CommandStatus::kNotStarted, std::string(zorvel::kErrorInternal)));
   }
-  CommandId id = 0;
-  EXPECT_EQ(launcher.Connect(7, &id), 0);  // a later command starts as usual
-  EXPECT_EQ(told_.Of(id).back(), CommandStatus::kAnswered);
+  const auto connect = [&](CommandId* id) { EXPECT_EQ(launcher.Connect(7, id), 0); };  // a later one starts as usual
+  EXPECT_EQ(told_.Run(connect).status, CommandStatus::kAnswered);
   EXPECT_EQ(control().CallTexts(), (std::vector<std::string>{"deleteStoredProfile(99,)", "connect(7,)"}));
 }
 

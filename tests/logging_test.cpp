@@ -130,20 +130,12 @@ std::string Shown(const std::string& tag, const std::string& text, LogBuffer buf
 }
 
 // Records what it receives into shared state that outlives the sink.
-struct Recorder {
-  std::mutex mutex;
-  std::vector<std::string> lines;  // guarded by mutex
-  static platform::LogSink SinkInto(const std::shared_ptr<Recorder>& recorder) {
-    return [recorder](LogBuffer buffer, LogPriority priority, const char* tag, const char* text) {
-      std::lock_guard<std::mutex> lock(recorder->mutex);
-      recorder->lines.push_back(Shown(tag, text, buffer, priority));
-    };
-  }
-  std::vector<std::string> Lines() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return lines;
-  }
-};
+using Lines = zv_client::testing::Recorder<std::string>;
+platform::LogSink SinkInto(const std::shared_ptr<Lines>& recorder) {
+  return [recorder](LogBuffer buffer, LogPriority priority, const char* tag, const char* text) {
+    recorder->Add(Shown(tag, text, buffer, priority));
+  };
+}
 
 class SystemLog : public ::testing::Test {
  protected:
@@ -151,23 +143,23 @@ class SystemLog : public ::testing::Test {
 };
 
 TEST_F(SystemLog, SinksMayBeReplacedAnyTime) {
-  auto first = std::make_shared<Recorder>(), second = std::make_shared<Recorder>();
-  platform::SetLogSink(Recorder::SinkInto(first));
+  auto first = std::make_shared<Lines>(), second = std::make_shared<Lines>();
+  platform::SetLogSink(SinkInto(first));
   const std::string longText(5000, 'x');  // longer than any fixed buffer the formatting might start with
   platform::LogPrint(LogBuffer::kSystem, LogPriority::kInfo, "zorvel.common", "[%s]%d", longText.c_str(), 42);
-  platform::SetLogSink(Recorder::SinkInto(second));
+  platform::SetLogSink(SinkInto(second));
   platform::LogPrint(LogBuffer::kMain, LogPriority::kError, "zorvel.zorvel", "ends in \"%s\" \n", "quotes");
   platform::SetLogSink({});  // the system log again
   Log("three");
-  EXPECT_EQ(first->Lines(), std::vector<std::string>{Shown("zorvel.common", "[" + longText + "]42")});
-  EXPECT_EQ(second->Lines(), std::vector<std::string>{Shown("zorvel.zorvel", "ends in \"quotes\" \n", LogBuffer::kMain,
+  EXPECT_EQ(first->Items(), std::vector<std::string>{Shown("zorvel.common", "[" + longText + "]42")});
+  EXPECT_EQ(second->Items(), std::vector<std::string>{Shown("zorvel.zorvel", "ends in \"quotes\" \n", LogBuffer::kMain,
                                                             LogPriority::kError)});
   EXPECT_EQ(first.use_count() + second.use_count(), 2) << "a replaced or removed sink is still alive";
 
   // A sink replacing itself keeps its captures until it returns.
   auto calls = std::make_shared<int>(0);
   platform::SetLogSink([first, calls](LogBuffer, LogPriority, const char*, const char*) {
-    platform::SetLogSink(Recorder::SinkInto(first));
+    platform::SetLogSink(SinkInto(first));
     ++*calls;
     EXPECT_GE(first.use_count(), 2);
   });
@@ -175,7 +167,7 @@ TEST_F(SystemLog, SinksMayBeReplacedAnyTime) {
   Log("five");
   EXPECT_EQ(*calls, 1);
   EXPECT_EQ(calls.use_count(), 1);
-  EXPECT_EQ(first->Lines().back(), Shown(kLogTag, "five 0"));
+  EXPECT_EQ(first->Items().back(), Shown(kLogTag, "five 0"));
 
   // Swapped while other threads log, until both sinks have run.
   std::atomic<bool> stop{false};
@@ -184,9 +176,9 @@ TEST_F(SystemLog, SinksMayBeReplacedAnyTime) {
     loggers.emplace_back([&] {
       while (!stop) Log("busy");
     });
-  const std::size_t before = first->Lines().size();
-  for (int round = 0; round < 2000 || first->Lines().size() == before || second->Lines().size() == 1; ++round) {
-    platform::SetLogSink(Recorder::SinkInto(round % 2 ? first : second));
+  const std::size_t before = first->Items().size();
+  for (int round = 0; round < 2000 || first->Items().size() == before || second->Items().size() == 1; ++round) {
+    platform::SetLogSink(SinkInto(round % 2 ? first : second));
   }
   stop = true;
   for (std::thread& logger : loggers) logger.join();

@@ -63,8 +63,7 @@ TEST_F(Resources, ThousandLifecyclesLeaveNothingBehind) {
     EXPECT_GT(BusStat("MatchRules"), rules) << "a connected client shows no match rules: nothing is measured";
   };
   fullCycle(0);
-  const std::size_t threads = Threads();
-  const std::size_t descriptors = Descriptors();
+  const std::size_t threads = Threads(), descriptors = Descriptors();
   [[maybe_unused]] const long resident = ResidentKb();
   logs().SetKeepLines(false);
 

@@ -1,5 +1,6 @@
 #include "support/Sim.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include <gtest/gtest.h>
@@ -17,16 +18,12 @@ namespace {
 using dbus::client::kBusName;
 const std::string kSimBusName = "zorvel.sim";
 
-GVariant* EntriesToVariant(const SimEntries& entries) {
+// An a(is) of `entries`, floating.
+GVariant* Entries(const SimEntries& entries) {
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("a(is)"));
   for (const auto& [id, name] : entries) g_variant_builder_add(&builder, "(is)", id, name.c_str());
   return g_variant_builder_end(&builder);
-}
-
-// An empty array of variants stands for an empty body on the control surface.
-GVariant* BodyOrEmpty(GVariant* body) {
-  return body != nullptr ? body : g_variant_new_array(G_VARIANT_TYPE_VARIANT, nullptr, 0);
 }
 
 }  // namespace
@@ -82,36 +79,6 @@ common::GVariantPtr SimControl::Invoke(const char* method, GVariant* parameters)
   return common::GVariantPtr(reply);
 }
 
-void SimControl::Emit(const std::string& member, GVariant* body) {
-  Invoke("Emit", g_variant_new("(sv)", member.c_str(), BodyOrEmpty(body)));
-}
-
-void SimControl::EmitAs(const std::string& member, GVariant* body, const std::string& destination) {
-  Invoke("EmitAs", g_variant_new("(svs)", member.c_str(), BodyOrEmpty(body), destination.c_str()));
-}
-
-void SimControl::SetAnswer(const std::string& method, int value) {
-  Invoke("SetAnswer", g_variant_new("(si)", method.c_str(), value));
-}
-
-void SimControl::SetReply(const std::string& method, GVariant* body) {
-  Invoke("SetReply", g_variant_new("(sv)", method.c_str(), BodyOrEmpty(body)));
-}
-
-void SimControl::SetError(const std::string& method, const std::string& name, const std::string& message) {
-  Invoke("SetError", g_variant_new("(s(ss))", method.c_str(), name.c_str(), message.c_str()));
-}
-
-void SimControl::ClearReply(const std::string& method) { Invoke("ClearReply", g_variant_new("(s)", method.c_str())); }
-
-void SimControl::SetDelay(const std::string& method, unsigned ms) {
-  Invoke("SetDelay", g_variant_new("(su)", method.c_str(), ms));
-}
-
-void SimControl::SetNoReply(const std::string& method, bool never) {
-  Invoke("SetNoReply", g_variant_new("(sb)", method.c_str(), never));
-}
-
 std::vector<SimCall> SimControl::GetCalls() {
   std::vector<SimCall> calls;
   const common::GVariantPtr reply = Invoke("GetCalls", nullptr);
@@ -120,14 +87,11 @@ std::vector<SimCall> SimControl::GetCalls() {
   g_variant_get(reply.get(), "(a(tssv))", &iter);
   const gchar* method = nullptr;
   GVariant* args = nullptr;
-  while (g_variant_iter_loop(iter, "(t&s&sv)", nullptr, &method, nullptr, &args)) {
+  while (g_variant_iter_loop(iter, "(t&s&sv)", nullptr, &method, nullptr, &args))
     calls.push_back(SimCall{method, common::GVariantPtr(g_variant_ref(args))});
-  }
   g_variant_iter_free(iter);
   return calls;
 }
-
-void SimControl::ReleaseName() { Invoke("ReleaseName", nullptr); }
 
 namespace {
 std::string StringOf(const common::GVariantPtr& reply) {
@@ -142,23 +106,15 @@ std::string SimControl::AcquireName() { return StringOf(Invoke("AcquireName", nu
 
 std::string SimControl::Restart() { return StringOf(Invoke("Restart", nullptr)); }
 
-void SimControl::SetProfiles(const SimEntries& profiles) {
-  Invoke("SetProfiles", g_variant_new("(@a(is))", EntriesToVariant(profiles)));
-}
+void SimControl::SetProfiles(const SimEntries& entries) { Send("SetProfiles", "(@a(is))", Entries(entries)); }
 
-void SimControl::SetInstances(const SimEntries& instances) {
-  Invoke("SetInstances", g_variant_new("(@a(is))", EntriesToVariant(instances)));
-}
-
-void SimControl::SetInterval(unsigned ms) { Invoke("SetInterval", g_variant_new("(u)", ms)); }
+void SimControl::SetInstances(const SimEntries& entries) { Send("SetInstances", "(@a(is))", Entries(entries)); }
 
 std::vector<SimCall> SimControl::CallsOf(const std::string& method) {
   std::vector<SimCall> calls = GetCalls();
-  std::vector<SimCall> matching;
-  for (SimCall& call : calls) {
-    if (call.method == method) matching.push_back(std::move(call));
-  }
-  return matching;
+  calls.erase(std::remove_if(calls.begin(), calls.end(), [&](const SimCall& call) { return call.method != method; }),
+              calls.end());
+  return calls;
 }
 
 std::vector<std::string> SimControl::CallTexts() {

@@ -63,22 +63,27 @@ class SimControl {
  public:
   SimControl();
 
-  void Emit(const std::string& member, GVariant* body);
+  void Emit(const std::string& member, GVariant* body) { Send("Emit", "(sv)", member.c_str(), OrEmpty(body)); }
   // Emitted by a connection that does not own the daemon's name; "" broadcasts.
-  void EmitAs(const std::string& member, GVariant* body, const std::string& destination = "");
-  void SetAnswer(const std::string& method, int value);
-  void SetReply(const std::string& method, GVariant* body);
-  void SetError(const std::string& method, const std::string& name, const std::string& message);
-  void ClearReply(const std::string& method);  // and SetError
-  void SetDelay(const std::string& method, unsigned ms);
-  void SetNoReply(const std::string& method, bool never = true);
+  void EmitAs(const std::string& member, GVariant* body, const std::string& destination = "") {
+    Send("EmitAs", "(svs)", member.c_str(), OrEmpty(body), destination.c_str());
+  }
+  void SetAnswer(const std::string& method, int value) { Send("SetAnswer", "(si)", method.c_str(), value); }
+  void SetReply(const std::string& method, GVariant* body) { Send("SetReply", "(sv)", method.c_str(), OrEmpty(body)); }
+  void SetError(const std::string& method, const std::string& name, const std::string& message) {
+    Send("SetError", "(s(ss))", method.c_str(), name.c_str(), message.c_str());
+  }
+  // And SetError.
+  void ClearReply(const std::string& method) { Send("ClearReply", "(s)", method.c_str()); }
+  void SetDelay(const std::string& method, unsigned ms) { Send("SetDelay", "(su)", method.c_str(), ms); }
+  void SetNoReply(const std::string& method, bool never = true) { Send("SetNoReply", "(sb)", method.c_str(), never); }
   std::vector<SimCall> GetCalls();
-  void ReleaseName();
+  void ReleaseName() { Invoke("ReleaseName", nullptr); }
   std::string AcquireName();  // the new owner
   std::string Restart();      // the new owner
   void SetProfiles(const SimEntries& profiles);
   void SetInstances(const SimEntries& instances);
-  void SetInterval(unsigned ms);
+  void SetInterval(unsigned ms) { Send("SetInterval", "(u)", ms); }
 
   std::vector<SimCall> CallsOf(const std::string& method);
   std::vector<std::string> CallTexts();  // "connect(7,)", "init()": every call, in order
@@ -88,6 +93,14 @@ class SimControl {
 
  private:
   common::GVariantPtr Invoke(const char* method, GVariant* parameters);
+  template <typename... Arguments>
+  void Send(const char* method, const char* format, Arguments... arguments) {
+    Invoke(method, g_variant_new(format, arguments...));
+  }
+  // An empty array of variants stands for an empty body on the control surface.
+  static GVariant* OrEmpty(GVariant* body) {
+    return body != nullptr ? body : g_variant_new_array(G_VARIANT_TYPE_VARIANT, nullptr, 0);
+  }
 
   common::GObjectPtr<GDBusConnection> connection_;
 };
