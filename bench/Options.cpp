@@ -41,120 +41,138 @@ void Usage(const char* program) {
       program, kMaxProfilesOnTheBus);
 }
 
-}  // namespace
+// getopt_long hands back these values for the long options; they start above
+// any character so that they can never be mistaken for a short option.
+enum OptionId {
+  kOut = 1000,
+  kPhases,
+  kSamples,
+  kProfileRuns,
+  kProfiles,
+  kBurstRuns,
+  kBurstSize,
+  kRecovery,
+  kNoSilent,
+  kNoJournal,
+  kQuick,
+  kTrace,
+  kTimeline,
+  kDaemon,
+  kDbusDaemon,
+  kBusConfig,
+  kPlot,
+  kHelp
+};
 
-bool Options::Has(const char* phase) const { return std::find(phases.begin(), phases.end(), phase) != phases.end(); }
+const option kOptions[] = {{"out", required_argument, nullptr, kOut},
+                           {"phases", required_argument, nullptr, kPhases},
+                           {"samples", required_argument, nullptr, kSamples},
+                           {"profile-runs", required_argument, nullptr, kProfileRuns},
+                           {"profiles", required_argument, nullptr, kProfiles},
+                           {"burst-runs", required_argument, nullptr, kBurstRuns},
+                           {"burst-size", required_argument, nullptr, kBurstSize},
+                           {"recovery-rounds", required_argument, nullptr, kRecovery},
+                           {"no-silent-pass", no_argument, nullptr, kNoSilent},
+                           {"no-journal-pass", no_argument, nullptr, kNoJournal},
+                           {"quick", no_argument, nullptr, kQuick},
+                           {"trace", no_argument, nullptr, kTrace},
+                           {"timeline", no_argument, nullptr, kTimeline},
+                           {"daemon", required_argument, nullptr, kDaemon},
+                           {"dbus-daemon", required_argument, nullptr, kDbusDaemon},
+                           {"bus-config", required_argument, nullptr, kBusConfig},
+                           {"plot-script", required_argument, nullptr, kPlot},
+                           {"help", no_argument, nullptr, kHelp},
+                           {nullptr, 0, nullptr, 0}};
 
-int ParseOptions(int argc, char** argv, Options& options) {
-  enum {
-    kOut = 1000,
-    kPhases,
-    kSamples,
-    kProfileRuns,
-    kProfiles,
-    kBurstRuns,
-    kBurstSize,
-    kRecovery,
-    kNoSilent,
-    kNoJournal,
-    kQuick,
-    kTrace,
-    kTimeline,
-    kDaemon,
-    kDbusDaemon,
-    kBusConfig,
-    kPlot,
-    kHelp
-  };
-  static const option kOptions[] = {{"out", required_argument, nullptr, kOut},
-                                    {"phases", required_argument, nullptr, kPhases},
-                                    {"samples", required_argument, nullptr, kSamples},
-                                    {"profile-runs", required_argument, nullptr, kProfileRuns},
-                                    {"profiles", required_argument, nullptr, kProfiles},
-                                    {"burst-runs", required_argument, nullptr, kBurstRuns},
-                                    {"burst-size", required_argument, nullptr, kBurstSize},
-                                    {"recovery-rounds", required_argument, nullptr, kRecovery},
-                                    {"no-silent-pass", no_argument, nullptr, kNoSilent},
-                                    {"no-journal-pass", no_argument, nullptr, kNoJournal},
-                                    {"quick", no_argument, nullptr, kQuick},
-                                    {"trace", no_argument, nullptr, kTrace},
-                                    {"timeline", no_argument, nullptr, kTimeline},
-                                    {"daemon", required_argument, nullptr, kDaemon},
-                                    {"dbus-daemon", required_argument, nullptr, kDbusDaemon},
-                                    {"bus-config", required_argument, nullptr, kBusConfig},
-                                    {"plot-script", required_argument, nullptr, kPlot},
-                                    {"help", no_argument, nullptr, kHelp},
-                                    {nullptr, 0, nullptr, 0}};
-  for (int opt; (opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
-    switch (opt) {
-      case kOut:
-        options.outDir = optarg;
-        break;
-      case kPhases:
-        options.phases = Split(optarg);
-        break;
-      case kSamples:
-        options.callSamples = options.signalSamples = std::atoi(optarg);
-        break;
-      case kProfileRuns:
-        options.profileRuns = std::atoi(optarg);
-        break;
-      case kProfiles:
-        options.profileCount = std::atoi(optarg);
-        break;
-      case kBurstRuns:
-        options.burstRuns = std::atoi(optarg);
-        break;
-      case kBurstSize:
-        options.burstSize = std::atoi(optarg);
-        break;
-      case kRecovery:
-        options.recoveryRounds = std::atoi(optarg);
-        break;
-      case kNoSilent:
-        options.silentPass = false;
-        break;
-      case kNoJournal:
-        options.journalPass = false;
-        break;
-      case kQuick:
-        options.callSamples = options.signalSamples = 200;
-        options.profileRuns = 3;
-        options.burstRuns = 1;
-        options.recoveryRounds = 2;
-        options.logLines = 2000;
-        break;
-      case kTrace:
-        options.trace = true;
-        break;
-      case kTimeline:
-        options.timeline = true;
-        break;
-      case kDaemon:
-        options.benchDaemon = optarg;
-        break;
-      case kDbusDaemon:
-        options.dbusDaemon = optarg;
-        break;
-      case kBusConfig:
-        options.busConfig = optarg;
-        break;
-      case kPlot:
-        options.plotScript = optarg;
-        break;
-      case kHelp:
-        Usage(argv[0]);
-        return 0;
-      default:
-        Usage(argv[0]);
-        return 2;
-    }
+// Each Apply* below takes one option of its group and returns false for any
+// other, so that ParseOptions can offer an option to each group in turn.
+
+// Where the output goes, which helpers run, and which phases are measured.
+bool ApplyPathOrPhases(int opt, const char* arg, Options& options) {
+  switch (opt) {
+    case kOut:
+      options.outDir = arg;
+      return true;
+    case kPhases:
+      options.phases = Split(arg);
+      return true;
+    case kDaemon:
+      options.benchDaemon = arg;
+      return true;
+    case kDbusDaemon:
+      options.dbusDaemon = arg;
+      return true;
+    case kBusConfig:
+      options.busConfig = arg;
+      return true;
+    case kPlot:
+      options.plotScript = arg;
+      return true;
   }
-  if (optind < argc || options.callSamples < 2 || options.profileRuns < 1 || options.profileCount < 1 ||
-      options.burstRuns < 1 || options.burstSize < 2 || options.recoveryRounds < 1 || options.logLines < 10) {
-    Usage(argv[0]);
-    return 2;
+  return false;
+}
+
+// How long each phase runs. Numbers are read as atoi reads them (garbage is
+// 0); RangesAreValid rejects the results that make no sense.
+bool ApplyRunLength(int opt, const char* arg, Options& options) {
+  switch (opt) {
+    case kSamples:
+      options.callSamples = options.signalSamples = std::atoi(arg);
+      return true;
+    case kProfileRuns:
+      options.profileRuns = std::atoi(arg);
+      return true;
+    case kProfiles:
+      options.profileCount = std::atoi(arg);
+      return true;
+    case kBurstRuns:
+      options.burstRuns = std::atoi(arg);
+      return true;
+    case kBurstSize:
+      options.burstSize = std::atoi(arg);
+      return true;
+    case kRecovery:
+      options.recoveryRounds = std::atoi(arg);
+      return true;
+    case kQuick:
+      options.callSamples = options.signalSamples = 200;
+      options.profileRuns = 3;
+      options.burstRuns = 1;
+      options.recoveryRounds = 2;
+      options.logLines = 2000;
+      return true;
   }
+  return false;
+}
+
+// Which extra arms run and where the library's own log lines go.
+bool ApplyPassOrLogging(int opt, Options& options) {
+  switch (opt) {
+    case kNoSilent:
+      options.silentPass = false;
+      return true;
+    case kNoJournal:
+      options.journalPass = false;
+      return true;
+    case kTrace:
+      options.trace = true;
+      return true;
+    case kTimeline:
+      options.timeline = true;
+      return true;
+  }
+  return false;
+}
+
+// Stray arguments or figures too small for a phase to measure anything.
+bool RangesAreValid(int argc, const Options& options) {
+  return optind >= argc && options.callSamples >= 2 && options.profileRuns >= 1 && options.profileCount >= 1 &&
+         options.burstRuns >= 1 && options.burstSize >= 2 && options.recoveryRounds >= 1 && options.logLines >= 10;
+}
+
+// Asking for more profiles than one reply can carry is not an error: the run
+// goes on with as many as fit, and says so.
+void CapProfileCount(Options& options) {
   if (options.profileCount > kMaxProfilesOnTheBus) {
     std::fprintf(stderr,
                  "zorvel-bench: --profiles %d capped at %d, the most the profile list payload carries over a "
@@ -162,6 +180,26 @@ int ParseOptions(int argc, char** argv, Options& options) {
                  options.profileCount, kMaxProfilesOnTheBus);
     options.profileCount = kMaxProfilesOnTheBus;
   }
+}
+
+}  // namespace
+
+bool Options::Has(const char* phase) const { return std::find(phases.begin(), phases.end(), phase) != phases.end(); }
+
+int ParseOptions(int argc, char** argv, Options& options) {
+  for (int opt; (opt = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+    if (ApplyPathOrPhases(opt, optarg, options) || ApplyRunLength(opt, optarg, options) ||
+        ApplyPassOrLogging(opt, options)) {
+      continue;
+    }
+    Usage(argv[0]);
+    return opt == kHelp ? 0 : 2;
+  }
+  if (!RangesAreValid(argc, options)) {
+    Usage(argv[0]);
+    return 2;
+  }
+  CapProfileCount(options);
   return -1;
 }
 
