@@ -103,21 +103,15 @@ bool AnsweredZero(const std::optional<CommandOutcome>& outcome) {
   return outcome && outcome->status == CommandStatus::kAnswered && outcome->answer == 0;
 }
 
-// The scenario; returns the process exit code.
-int Run(Reports& reports) {
-  // What the callbacks print next to a found id. Declared before the
-  // Launcher: its callbacks may run until the Launcher is destroyed, so
-  // everything they touch must outlive it.
-  const char* phase = "broadcast";
-  zv_client::zorvel::Launcher launcher;
-
-  // Set the callbacks before Init: from Init on they may be called at any
-  // time, on another thread.
-  //
-  // The instance-found callback has two sources: instances that a running
-  // broadcast finds, and the stored profiles that ReadProfiles delivers one
-  // by one. A broadcast reports each instance again at every round, so
-  // remember what was seen and print each id once.
+// Sets the callbacks; they must be set before Init, from which on they may be
+// called at any time, on another thread. `phase` is what they print next to a
+// found id; like `reports`, it must outlive the Launcher.
+//
+// The instance-found callback has two sources: instances that a running
+// broadcast finds, and the stored profiles that ReadProfiles delivers one
+// by one. A broadcast reports each instance again at every round, so
+// remember what was seen and print each id once.
+void SetCallbacks(zv_client::zorvel::Launcher& launcher, Reports& reports, const char*& phase) {
   launcher.SetOnInstanceFoundCallback([&reports, &phase](int id, const std::string& name) {
     std::lock_guard<std::mutex> lock(reports.mutex);
     if (reports.found.emplace(id, name).second) {
@@ -145,16 +139,10 @@ int Run(Reports& reports) {
     reports.ended[outcome.id] = outcome;
     reports.changed.notify_all();
   });
+}
 
-  // Init only starts connecting (on the main loop, in the background). It
-  // succeeds even while the daemon is absent: commands are held until the
-  // daemon is there.
-  if (launcher.Init() != 0) {
-    std::fprintf(stderr, "Init failed\n");
-    return 1;
-  }
-  std::printf("Init done\n");
-
+// Starts the broadcast and waits for the first instance; false if none came.
+bool Broadcast(zv_client::zorvel::Launcher& launcher, Reports& reports) {
   // Commands return at once; the daemon's replies arrive as callbacks, and
   // each command's end as its outcome. This one is held until the library
   // is connected (about half a second after Init).
@@ -165,24 +153,21 @@ int Run(Reports& reports) {
                  "No instance reported within %lld s: is the zorvel daemon running on the system bus "
                  "(DBUS_SYSTEM_BUS_ADDRESS)?\n",
                  static_cast<long long>(kPatience.count()));
-    return 1;  // destroying the Launcher drops the held commands
+    return false;
   }
   // Give the broadcast a moment to report the other instances.
   std::this_thread::sleep_for(std::chrono::seconds(1));
+  return true;
+}
 
-  int target = 0;
-  {
-    std::lock_guard<std::mutex> lock(reports.mutex);
-    target = reports.found.begin()->first;
-    phase = "ReadProfiles";
-  }
-
-  // ReadProfiles returns an empty list at once. The stored profiles come
-  // through the instance-found callback, one by one, and then all together
-  // in the command's outcome, which also says that the list is complete.
-  // The broadcast is still running, so its instances keep coming too
-  // (already printed, so silent here).
-  //
+// Reads the stored profiles; false if the daemon did not answer.
+//
+// ReadProfiles returns an empty list at once. The stored profiles come
+// through the instance-found callback, one by one, and then all together
+// in the command's outcome, which also says that the list is complete.
+// The broadcast is still running, so its instances keep coming too
+// (already printed, so silent here).
+bool ReadStoredProfiles(zv_client::zorvel::Launcher& launcher, Reports& reports) {
   // The id the call hands back names the command in its outcome. It is
   // written before the command is handed over: the outcome may come on
   // another thread even before ReadProfiles returns.
@@ -192,32 +177,72 @@ int Run(Reports& reports) {
   const std::optional<CommandOutcome> read = reports.Outcome(command);
   if (!read || read->status != CommandStatus::kAnswered) {
     std::fprintf(stderr, "The stored profiles were not read\n");
-    return 1;
+    return false;
   }
+  return true;
+}
 
-  // Connect to the instance of lowest id found. The daemon's answer comes with the
-  // outcome (0: it goes ahead); the connection itself is the
-  // connection-available callback.
+// Connects to `target` and waits until the connection is available. The
+// daemon's answer comes with the outcome (0: it goes ahead); the connection
+// itself is the connection-available callback.
+bool ConnectTo(zv_client::zorvel::Launcher& launcher, Reports& reports, int target) {
   std::printf("Connect(%d), waiting for the connection...\n", target);
+  CommandId command = 0;
   launcher.Connect(target, &command);
   if (!AnsweredZero(reports.Outcome(command))) {
     std::fprintf(stderr, "The daemon did not accept Connect(%d)\n", target);
-    return 1;
+    return false;
   }
   if (!reports.WaitFor([&] { return reports.availableId == target; })) {
     std::fprintf(stderr, "No connection-available event for %d within %lld s\n", target,
                  static_cast<long long>(kPatience.count()));
-    return 1;
+    return false;
   }
+  return true;
+}
 
-  // StopBroadcast and Stop wait for the daemon's answer (their outcomes
-  // are told before they return). Note: after StopBroadcast the library
-  // holds new commands until the daemon restarts, so it comes last, before
-  // Stop (which is never held).
+// StopBroadcast and Stop wait for the daemon's answer (their outcomes are
+// told before they return). Note: after StopBroadcast the library holds new
+// commands until the daemon restarts, so it comes last, before Stop (which
+// is never held). Returns the process exit code.
+int StopAll(zv_client::zorvel::Launcher& launcher) {
   std::printf("StopBroadcast -> %d\n", launcher.StopBroadcast());
   const int stopped = launcher.Stop();
   std::printf("Stop -> %d\n", stopped);
   return stopped == 0 ? 0 : 1;
+}
+
+// The scenario; returns the process exit code.
+int Run(Reports& reports) {
+  // What the callbacks print next to a found id. Declared before the
+  // Launcher: its callbacks may run until the Launcher is destroyed, so
+  // everything they touch must outlive it.
+  const char* phase = "broadcast";
+  zv_client::zorvel::Launcher launcher;
+  SetCallbacks(launcher, reports, phase);
+
+  // Init only starts connecting (on the main loop, in the background). It
+  // succeeds even while the daemon is absent: commands are held until the
+  // daemon is there.
+  if (launcher.Init() != 0) {
+    std::fprintf(stderr, "Init failed\n");
+    return 1;
+  }
+  std::printf("Init done\n");
+
+  if (!Broadcast(launcher, reports)) return 1;  // destroying the Launcher drops the held commands
+
+  // Connect to the instance of lowest id found.
+  int target = 0;
+  {
+    std::lock_guard<std::mutex> lock(reports.mutex);
+    target = reports.found.begin()->first;
+    phase = "ReadProfiles";
+  }
+
+  if (!ReadStoredProfiles(launcher, reports)) return 1;
+  if (!ConnectTo(launcher, reports, target)) return 1;
+  return StopAll(launcher);
 }  // the Launcher is destroyed here, while the main loop still runs
 
 gboolean QuitLoop(gpointer loop) {

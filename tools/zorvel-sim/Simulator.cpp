@@ -343,6 +343,15 @@ void Simulator::HandleDaemonCall(const gchar* sender, const std::string& method,
   // GDBus hands over its reference; we answer by hand, so we keep it ourselves.
   GObjectPtr<GDBusMethodInvocation> invocation(invocationRef);
   const std::string from = sender != nullptr ? sender : "";
+  RecordCall(method, from, parameters);
+  // The state changes on receipt, even when the reply is put off or never sent.
+  const int answer = ApplyEffects(method, parameters);
+  Answer chosen = ChooseAnswer(method, parameters, answer);
+  const std::string received = "<- " + method + " " + Printed(parameters) + " from " + from;
+  Deliver(method, received, std::move(invocation), std::move(chosen));
+}
+
+void Simulator::RecordCall(const std::string& method, const std::string& from, GVariant* parameters) {
   const guint64 sequence = nextSequence_++;
   calls_.push_back(Call{sequence, method, from, GVariantPtr(g_variant_ref(parameters))});
   GError* raw = nullptr;
@@ -352,54 +361,70 @@ void Simulator::HandleDaemonCall(const gchar* sender, const std::string& method,
     GErrorPtr error(raw);
     Log("emitting CallReceived failed: %s", error->message);
   }
+}
 
-  // The state changes on receipt, even when the reply is put off or never sent.
-  int answer = 0;
+int Simulator::ApplyEffects(const std::string& method, GVariant* parameters) {
   if (method == kMethodStartBroadcast) {
     StartBroadcast();
   } else if (method == kMethodStopBroadcast) {
     StopBroadcast();
   } else if (method == kMethodDeleteStoredProfile) {
-    gint32 id = 0;
-    g_variant_get(parameters, "(i)", &id);
-    const auto stored = std::find_if(profiles_.begin(), profiles_.end(),
-                                     [id](const SessionProfile& profile) { return profile.id == id; });
-    answer = stored != profiles_.end() ? 0 : -1;
-    if (stored != profiles_.end()) profiles_.erase(stored);
+    return DeleteStoredProfile(parameters);
   }
-  const auto answerOverride = answers_.find(method);
-  if (answerOverride != answers_.end()) answer = answerOverride->second;
+  return 0;
+}
 
-  GVariantPtr body;
-  std::string description;
-  if (method == kMethodReadProfiles && answerOverride == answers_.end()) {
-    // The profile list payload is the whole reply body, not its only argument.
-    body = SinkVariant(zv_client::common::ProfilesToVariant(profiles_));
-    description = "profiles " + Described(profiles_);
+int Simulator::DeleteStoredProfile(GVariant* parameters) {
+  gint32 id = 0;
+  g_variant_get(parameters, "(i)", &id);
+  const auto stored = std::find_if(profiles_.begin(), profiles_.end(),
+                                   [id](const SessionProfile& profile) { return profile.id == id; });
+  if (stored == profiles_.end()) return -1;
+  profiles_.erase(stored);
+  return 0;
+}
+
+Simulator::Answer Simulator::ChooseAnswer(const std::string& method, GVariant* parameters, int answer) const {
+  const auto answerOverride = answers_.find(method);
+  const bool overridden = answerOverride != answers_.end();
+  if (overridden) answer = answerOverride->second;
+
+  Answer chosen;
+  if (method == kMethodReadProfiles && !overridden) {
+    chosen.body = ProfilesBody();
+    chosen.description = "profiles " + Described(profiles_);
   } else {
-    body = SinkVariant(zv_client::common::IntegerToVariant(answer));
+    chosen.body = SinkVariant(zv_client::common::IntegerToVariant(answer));
   }
-  GVariantPtr followUp;
-  if (method == kMethodConnect && answer == 0) {
-    gint32 id = 0;
-    g_variant_get(parameters, "(i)", &id);
-    followUp = SinkVariant(g_variant_new("(qq)", static_cast<guint16>(id), static_cast<guint16>(1)));
-  }
+  if (method == kMethodConnect && answer == 0) chosen.followUp = ConnectFollowUp(parameters);
   const auto reply = replies_.find(method);
   if (reply != replies_.end()) {
-    body.reset(g_variant_ref(reply->second.get()));
-    description.clear();
+    chosen.body.reset(g_variant_ref(reply->second.get()));
+    chosen.description.clear();
   }
-  ErrorReply error;
   const auto failing = errors_.find(method);
   if (failing != errors_.end()) {
-    error = failing->second;
-    followUp.reset();
-    description = "error " + error.first;
+    chosen.error = failing->second;
+    chosen.followUp.reset();
+    chosen.description = "error " + chosen.error.first;
   }
-  if (description.empty()) description = Printed(body.get());
+  if (chosen.description.empty()) chosen.description = Printed(chosen.body.get());
+  return chosen;
+}
 
-  const std::string received = "<- " + method + " " + Printed(parameters) + " from " + from;
+GVariantPtr Simulator::ProfilesBody() const {
+  // The profile list payload is the whole reply body, not its only argument.
+  return SinkVariant(zv_client::common::ProfilesToVariant(profiles_));
+}
+
+GVariantPtr Simulator::ConnectFollowUp(GVariant* parameters) {
+  gint32 id = 0;
+  g_variant_get(parameters, "(i)", &id);
+  return SinkVariant(g_variant_new("(qq)", static_cast<guint16>(id), static_cast<guint16>(1)));
+}
+
+void Simulator::Deliver(const std::string& method, const std::string& received,
+                        GObjectPtr<GDBusMethodInvocation> invocation, Answer chosen) {
   if (neverAnswered_.count(method) != 0) {
     Log("%s -> never answered", received.c_str());
     unanswered_.push_back(std::move(invocation));
@@ -407,15 +432,15 @@ void Simulator::HandleDaemonCall(const gchar* sender, const std::string& method,
   }
   const auto delay = delays_.find(method);
   if (delay != delays_.end()) {
-    Log("%s -> %s in %u ms", received.c_str(), description.c_str(), delay->second);
-    delayed_.push_back(
-        DelayedReply{this, std::move(invocation), std::move(body), std::move(followUp), std::move(error), 0});
+    Log("%s -> %s in %u ms", received.c_str(), chosen.description.c_str(), delay->second);
+    delayed_.push_back(DelayedReply{this, std::move(invocation), std::move(chosen.body), std::move(chosen.followUp),
+                                    std::move(chosen.error), 0});
     DelayedReply& pending = delayed_.back();
     pending.timeoutId = g_timeout_add(delay->second, &Simulator::OnDelayedReply, &pending);
     return;
   }
-  Log("%s -> %s", received.c_str(), description.c_str());
-  SendReply(invocation.get(), body.get(), followUp.get(), error);
+  Log("%s -> %s", received.c_str(), chosen.description.c_str());
+  SendReply(invocation.get(), chosen.body.get(), chosen.followUp.get(), chosen.error);
 }
 
 gboolean Simulator::OnDelayedReply(gpointer data) {

@@ -82,8 +82,30 @@ class Simulator {
   static gboolean OnBroadcastTick(gpointer self);
   static gboolean OnDelayedReply(gpointer pending);
 
+  // How a daemon call is to be answered: the reply body (or `error`), the
+  // signal that follows it, and what the log says about it.
+  struct Answer {
+    GVariantPtr body;
+    GVariantPtr followUp;
+    ErrorReply error;
+    std::string description;
+  };
+
   void HandleDaemonCall(const gchar* sender, const std::string& method, GVariant* parameters,
                         GDBusMethodInvocation* invocation);
+  // Keeps the call for GetCalls and announces it with CallReceived.
+  void RecordCall(const std::string& method, const std::string& from, GVariant* parameters);
+  // What the call changes in the daemon's state; returns the daemon's answer.
+  int ApplyEffects(const std::string& method, GVariant* parameters);
+  int DeleteStoredProfile(GVariant* parameters);
+  // The answer to give, after the overrides of SetAnswer, SetReply, SetError.
+  Answer ChooseAnswer(const std::string& method, GVariant* parameters, int answer) const;
+  GVariantPtr ProfilesBody() const;
+  // The onConnectionAvailable body that follows an accepted connect.
+  static GVariantPtr ConnectFollowUp(GVariant* parameters);
+  // Answers now, later (SetDelay) or never (SetNoReply).
+  void Deliver(const std::string& method, const std::string& received, GObjectPtr<GDBusMethodInvocation> invocation,
+               Answer chosen);
   void HandleControlCall(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation);
   // The control methods that can fail; false after answering with an error.
   bool HandleEmit(const std::string& method, GVariant* parameters, GDBusMethodInvocation* invocation);
