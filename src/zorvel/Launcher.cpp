@@ -473,6 +473,14 @@ void Launcher::SetOnLinkState(std::function<void(const LinkStatus&)> callback) n
 // from its slot under callableSlotsMutex, called without it). The client runs
 // them under the application callback mutex.
 struct detail::LauncherSignals {
+  // The callable in one of the Launcher's slots, copied under the slots' lock.
+  template <typename Signature>
+  static SharedCallback<Signature> Slot(const Launcher* launcher, SharedCallback<Signature> Launcher::*slot)
+      ZV_EXCLUDES(callableSlotsMutex) {
+    common::MutexLock lock(callableSlotsMutex);
+    return launcher->*slot;
+  }
+
   struct InstanceFound {
     Launcher* launcher;
     void operator()(GVariant* payload) const {
@@ -487,11 +495,7 @@ struct detail::LauncherSignals {
         ZV_LOGE("Failed to deserialize data");
         return;
       }
-      SharedCallback<void(int, const std::string&)> callback;
-      {
-        common::MutexLock lock(callableSlotsMutex);
-        callback = launcher->onInstanceFoundCallback_;
-      }
+      const auto callback = Slot(launcher, &Launcher::onInstanceFoundCallback_);
       if (!callback) return;
       ZV_LOGI_THD("Execute Instance Found callback: id[%d], name[%s]", id, name.c_str());
       (*callback)(id, name);
@@ -505,11 +509,7 @@ struct detail::LauncherSignals {
       int status = -1;
       if (common::VariantToProfileWithStatus(payload, profile, status)) {
         ZV_LOGI("onCancelConnection emitted: profile[%s][%d], status[%d]", profile.name.c_str(), profile.id, status);
-        SharedCallback<void(int)> callback;
-        {
-          common::MutexLock lock(callableSlotsMutex);
-          callback = launcher->onCancelConnectionCallback_;
-        }
+        const auto callback = Slot(launcher, &Launcher::onCancelConnectionCallback_);
         if (callback) (*callback)(status);
       }
       ZV_LOGI("onCancelConnection handled");
@@ -543,11 +543,7 @@ struct detail::LauncherSignals {
         id = g_variant_get_uint16(first.get());
         state = g_variant_get_uint16(second.get());
       }
-      SharedCallback<void(int, bool)> callback;
-      {
-        common::MutexLock lock(callableSlotsMutex);
-        callback = launcher->onConnectionAvailableCallback_;
-      }
+      const auto callback = Slot(launcher, &Launcher::onConnectionAvailableCallback_);
       if (!callback) return;
       ZV_LOGI("Execute Instance ConnectionAvailable callback: id[%d] state[%d]", id, state);
       (*callback)(static_cast<int>(id), state != 0);

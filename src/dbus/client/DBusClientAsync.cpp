@@ -26,6 +26,11 @@ constexpr guint kConnectRetryIntervalMs = 500;
 // D-Bus call in flight and discards the rest.
 constexpr std::chrono::milliseconds kTeardownGrace{1000};
 
+// The link was lost (the attempts say why) rather than never made or ready.
+bool IsLoss(const std::optional<LinkState>& state) {
+  return state == LinkState::kWaitingForDaemon || state == LinkState::kBusUnreachable;
+}
+
 }  // namespace
 
 // Never destroyed, like the application callback mutex.
@@ -453,7 +458,7 @@ bool DBusClientAsync::Connect() {
   bool lost = false;  // a restoration: the attempts tell why the daemon is not there
   {
     common::MutexLock lock(statusMutex_);
-    lost = reportedState_ == LinkState::kWaitingForDaemon || reportedState_ == LinkState::kBusUnreachable;
+    lost = IsLoss(reportedState_);
   }
   if (!lost) ReportLink(LinkState::kConnecting, "connecting to the daemon on the system bus");
   return true;
@@ -695,12 +700,12 @@ void DBusClientAsync::ReportLink(LinkState state, std::string text, std::string 
   {
     common::MutexLock lock(statusMutex_);
     if (closing_ || reportedState_ == state) return;
-    const bool lost = reportedState_ == LinkState::kWaitingForDaemon || reportedState_ == LinkState::kBusUnreachable;
-    if (onlyAfterLoss && !lost) return;
+    if (onlyAfterLoss && !IsLoss(reportedState_)) return;
     reportedState_ = state;
+    // The idle source that tells them is armed exactly while some are queued.
+    const bool armed = !statusQueue_.empty();
     statusQueue_.push_back(LinkStatus{state, std::move(text), std::move(busAddress), std::move(error)});
-    if (statusIdleArmed_) return;
-    statusIdleArmed_ = true;
+    if (armed) return;
   }
   // Changes come from the command, attempt and application threads; the
   // application hears of them on its main loop, in order.
@@ -741,7 +746,6 @@ gboolean DBusClientAsync::OnLinkStatusIdle(gpointer handle) {
   {
     common::MutexLock lock(self->statusMutex_);
     statuses.swap(self->statusQueue_);
-    self->statusIdleArmed_ = false;
     observer = self->linkObserver_;
   }
   if (!observer || !*observer) return G_SOURCE_REMOVE;

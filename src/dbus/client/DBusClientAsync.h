@@ -338,7 +338,6 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   common::Mutex statusMutex_;          // a leaf
   std::optional<LinkState> reportedState_ ZV_GUARDED_BY(statusMutex_);
   std::deque<LinkStatus> statusQueue_ ZV_GUARDED_BY(statusMutex_);  // not yet told
-  bool statusIdleArmed_ ZV_GUARDED_BY(statusMutex_) = false;
   std::shared_ptr<const std::function<void(const LinkStatus&)>> linkObserver_ ZV_GUARDED_BY(statusMutex_);
   std::unique_ptr<detail::CommandIntake<IntakeItem>> intake_;
   // What runs after poolMutex_ is released; batches are added and closed
