@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,6 +15,7 @@
 #include <zorvel/common/GLibUtils.h>
 
 #include "support/LogCapture.h"
+#include "support/VariantProbe.h"
 
 namespace {
 
@@ -152,6 +154,29 @@ TEST_F(Payloads, ByteArrayPayloadsCarryBase64AndSixteenBitNumbers) {
   ASSERT_TRUE(common::DeserializeDataFromGVariant(Parse("(b'!!!!', uint16 3)").get(), data, number));
   EXPECT_EQ(std::tie(data, number), std::make_tuple(""s, 3));
   EXPECT_FALSE(common::DeserializeDataFromGVariant(SinkVariant(common::SerializeIntoGVariant("", 5)).get(), data));
+}
+
+// A command's end is copied by observers that keep it: each copy must own what
+// it releases (a double release or a leak shows under the sanitizers).
+TEST(CopyableHolders, EachCopyOwnsAReferenceOrADuplicate) {
+  zv_client::testing::VariantProbe probe(7);
+  auto original = std::make_unique<common::SharedVariantPtr>(SinkVariant(probe.variant()));
+  common::SharedVariantPtr copy = *original, assigned;
+  assigned = copy;
+  common::SharedVariantPtr moved = std::move(copy);
+  original.reset();
+  EXPECT_FALSE(probe.Freed());
+  EXPECT_EQ(assigned.get(), moved.get());
+  assigned = common::SharedVariantPtr();
+  moved = assigned;
+  EXPECT_TRUE(probe.Freed());
+
+  common::CopyableErrorPtr error(common::GErrorPtr(g_error_new_literal(G_IO_ERROR, G_IO_ERROR_FAILED, "gone")));
+  const common::CopyableErrorPtr duplicate = error;
+  error = common::CopyableErrorPtr();
+  ASSERT_TRUE(duplicate);
+  EXPECT_TRUE(g_error_matches(duplicate.get(), G_IO_ERROR, G_IO_ERROR_FAILED));
+  EXPECT_STREQ(duplicate->message, "gone");
 }
 
 TEST(ThreadId, IsStablePerThreadAndDistinctAcrossThreads) {

@@ -219,8 +219,6 @@ Simulator::Simulator(Options options, GMainLoop* loop)
 
 Simulator::~Simulator() {
   Shutdown();
-  if (daemonNode_ != nullptr) g_dbus_node_info_unref(daemonNode_);
-  if (controlNode_ != nullptr) g_dbus_node_info_unref(controlNode_);
 }
 
 bool Simulator::Start(GError** error) {
@@ -229,14 +227,14 @@ bool Simulator::Start(GError** error) {
     if (!address) return false;
     address_ = address.get();
   }
-  daemonNode_ = g_dbus_node_info_new_for_xml(kDaemonInterfaceXml, error);
-  if (daemonNode_ == nullptr) return false;
-  if (g_dbus_node_info_lookup_interface(daemonNode_, kInterfaceName.c_str()) == nullptr) {
+  daemonNode_.reset(g_dbus_node_info_new_for_xml(kDaemonInterfaceXml, error));
+  if (!daemonNode_) return false;
+  if (g_dbus_node_info_lookup_interface(daemonNode_.get(), kInterfaceName.c_str()) == nullptr) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "the embedded XML lacks %s", kInterfaceName.c_str());
     return false;
   }
-  controlNode_ = g_dbus_node_info_new_for_xml(kControlXml, error);
-  if (controlNode_ == nullptr) return false;
+  controlNode_.reset(g_dbus_node_info_new_for_xml(kControlXml, error));
+  if (!controlNode_) return false;
 
   control_ = zv_client::common::OpenPrivateBusConnection(address_, error);
   if (!control_) {
@@ -279,7 +277,7 @@ bool Simulator::AcquireName(GError** error) {
   if (!connection) return false;
   static const GDBusInterfaceVTable vtable = {&Simulator::DaemonCallThunk, nullptr, nullptr, {}};
   const guint objectId = g_dbus_connection_register_object(
-      connection.get(), kObjectPath.c_str(), g_dbus_node_info_lookup_interface(daemonNode_, kInterfaceName.c_str()),
+      connection.get(), kObjectPath.c_str(), g_dbus_node_info_lookup_interface(daemonNode_.get(), kInterfaceName.c_str()),
       &vtable, this, nullptr, error);
   if (objectId == 0 || !RequestName(connection.get(), kBusName.c_str(), error)) {
     if (objectId != 0) g_dbus_connection_unregister_object(connection.get(), objectId);
@@ -494,7 +492,7 @@ bool Simulator::EmitSignal(GDBusConnection* connection, const char* destination,
                            GError** error) {
   if (!FitsInMessage(body)) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "signal signature longer than 255 characters");
-    if (g_variant_is_floating(body)) g_variant_unref(g_variant_ref_sink(body));
+    if (g_variant_is_floating(body)) SinkVariant(body);  // dropped at once
     return false;
   }
   return g_dbus_connection_emit_signal(connection, destination, kObjectPath.c_str(), kInterfaceName.c_str(), member,

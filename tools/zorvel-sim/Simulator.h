@@ -15,6 +15,7 @@
 
 #include <list>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -128,8 +129,11 @@ class Simulator {
   bool quiet_;
   GMainLoop* loop_;
 
-  GDBusNodeInfo* daemonNode_ = nullptr;   // owned
-  GDBusNodeInfo* controlNode_ = nullptr;  // owned
+  struct NodeInfoUnref {
+    void operator()(GDBusNodeInfo* node) const noexcept { g_dbus_node_info_unref(node); }
+  };
+  std::unique_ptr<GDBusNodeInfo, NodeInfoUnref> daemonNode_;
+  std::unique_ptr<GDBusNodeInfo, NodeInfoUnref> controlNode_;
   GObjectPtr<GDBusConnection> control_;
   guint controlObjectId_ = 0;
   gulong closedHandlerId_ = 0;

@@ -213,18 +213,15 @@ bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** re
   if (params != nullptr && g_variant_is_floating(params)) g_variant_ref_sink(params);
 
   GError* rawError = nullptr;
-  GVariant* reply = g_dbus_proxy_call_sync(proxy.get(), method.c_str(), params, G_DBUS_CALL_FLAGS_NONE, timeout,
-                                           cancellable_.get(), &rawError);
+  common::GVariantPtr reply(g_dbus_proxy_call_sync(proxy.get(), method.c_str(), params, G_DBUS_CALL_FLAGS_NONE,
+                                                   timeout, cancellable_.get(), &rawError));
   error.reset(rawError);
-  if (result != nullptr) {
-    *result = reply;
-  } else if (reply != nullptr) {
-    g_variant_unref(reply);
-  }
-  if (reply == nullptr) {
+  if (!reply) {
+    if (result != nullptr) *result = nullptr;
     ZV_LOGE("Failed to call D-Bus for Zorvel daemon, error = %s", error ? error->message : "unknown error");
     return false;
   }
+  if (result != nullptr) *result = reply.release();
   return true;
 }
 

@@ -72,7 +72,7 @@ DBusClientAsync::~DBusClientAsync() {
   gate_->WaitIdle();
   common::MutexLock lock(poolMutex_);
   DiscardPool();
-  if (lastReply_ != nullptr) g_variant_unref(std::exchange(lastReply_, nullptr));
+  lastReply_.reset();
   DeliverQueued(lock.native());  // the discarded commands' ends
 }
 
@@ -91,14 +91,17 @@ bool DBusClientAsync::ForwardingCommand::operator()(const CommandData::Parameter
   // Called through the command table's std::function, by RunFunction, which
   // holds runMutex_.
   client->runMutex_.AssertHeld();
-  GVariant** destination = parameters.result;
-  if (destination == nullptr) {
-    if (client->lastReply_ != nullptr) g_variant_unref(std::exchange(client->lastReply_, nullptr));
-    destination = &client->lastReply_;
-  }
   // The base class's synchronous call: the virtual slot would lead back here.
-  return client->DBusClient::Call(parameters.method, parameters.params, destination, parameters.timeout,
-                                  client->lastError_);
+  if (parameters.result != nullptr) {
+    return client->DBusClient::Call(parameters.method, parameters.params, parameters.result, parameters.timeout,
+                                    client->lastError_);
+  }
+  client->lastReply_.reset();
+  GVariant* reply = nullptr;
+  const bool ran =
+      client->DBusClient::Call(parameters.method, parameters.params, &reply, parameters.timeout, client->lastError_);
+  client->lastReply_.reset(reply);
+  return ran;
 }
 
 bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Parameters& parameters) const {
@@ -110,7 +113,7 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
   self.runMutex_.AssertHeld();
   // Decoded whole before anything is queued: a reply that does not decode
   // throws here and delivers nothing.
-  self.profiles_ = common::VariantToProfiles(self.lastReply_);
+  self.profiles_ = common::VariantToProfiles(self.lastReply_.get());
   ZV_LOGI_THD("Read profiles size[%zu]", self.profiles_.size());
   // Queued, not dispatched: the handlers run once the command has ended and
   // no lock of the layer is held. The payloads are made there too, so that
@@ -315,10 +318,10 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld, std:
     Finish(command, std::move(end));
     throw;
   }
-  if (command.parameters.result == nullptr && lastReply_ != nullptr) {
-    end.reply.reset(g_variant_ref(lastReply_), g_variant_unref);
+  if (command.parameters.result == nullptr && lastReply_) {
+    end.reply = common::SharedVariantPtr(common::GVariantPtr(g_variant_ref(lastReply_.get())));
   }
-  if (!ran && lastError_) end.error.reset(lastError_.release(), g_error_free);
+  if (!ran && lastError_) end.error = common::CopyableErrorPtr(std::move(lastError_));
   if (ran && command.parameters.method == kMethodReadProfiles) end.profiles = profiles_;
   std::vector<std::function<void()>> found = std::move(foundDeliveries_);
   foundDeliveries_.clear();
@@ -447,12 +450,12 @@ bool DBusClientAsync::Connect() {
     if (connectTimerId_ != 0) return true;
     // The source is kept with a reference of our own, so removing it later is
     // safe even if it has just removed itself on the main-loop thread.
-    GSource* source = g_timeout_source_new(kConnectRetryIntervalMs);
-    g_source_set_callback(source, &DBusClientAsync::OnConnectTimer, NewCallbackHandle(),
+    common::GSourcePtr source(g_timeout_source_new(kConnectRetryIntervalMs));
+    g_source_set_callback(source.get(), &DBusClientAsync::OnConnectTimer, NewCallbackHandle(),
                           &DBusClient::FreeCallbackHandle);
-    id = g_source_attach(source, nullptr);
+    id = g_source_attach(source.get(), nullptr);
     connectTimerId_ = id;
-    connectTimerSource_ = source;
+    connectTimerSource_ = std::move(source);
   }
   ZV_LOGI("connect id[%d]", static_cast<int>(id));
   bool lost = false;  // a restoration: the attempts tell why the daemon is not there
@@ -585,20 +588,18 @@ void DBusClientAsync::ResetTimer(bool remove) {
 }
 
 void DBusClientAsync::DropTimer() {
-  GSource* source = nullptr;
+  common::GSourcePtr source;
   guint watch = 0;
   common::GObjectPtr<GDBusConnection> watchBus;
   {
     common::MutexLock lock(timerMutex_);
     connectTimerId_ = 0;
-    source = std::exchange(connectTimerSource_, nullptr);
+    source = std::move(connectTimerSource_);
     watch = std::exchange(nameWatchId_, 0);
     watchBus = std::move(nameWatchBus_);
   }
   if (watch != 0) g_bus_unwatch_name(watch);
-  if (source == nullptr) return;
-  g_source_destroy(source);  // a no-op if it already went
-  g_source_unref(source);
+  if (source) g_source_destroy(source.get());  // a no-op if it already went
 }
 
 bool DBusClientAsync::Disconnect() {
@@ -709,11 +710,10 @@ void DBusClientAsync::ReportLink(LinkState state, std::string text, std::string 
   }
   // Changes come from the command, attempt and application threads; the
   // application hears of them on its main loop, in order.
-  GSource* source = g_idle_source_new();
-  g_source_set_callback(source, &DBusClientAsync::OnLinkStatusIdle, NewCallbackHandle(),
+  const common::GSourcePtr source(g_idle_source_new());
+  g_source_set_callback(source.get(), &DBusClientAsync::OnLinkStatusIdle, NewCallbackHandle(),
                         &DBusClient::FreeCallbackHandle);
-  g_source_attach(source, nullptr);
-  g_source_unref(source);
+  g_source_attach(source.get(), nullptr);
 }
 
 void DBusClientAsync::ReportConnectFailure() {

@@ -117,9 +117,11 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     bool wasHeld = false;  ///< it waited in the pool first
     /// kRan: the daemon's reply; null when the call failed, with `error` the
     /// GDBus error (null when the link was not ready and nothing was sent).
-    /// Shared: an observer that keeps a copy keeps the reply alive.
-    std::shared_ptr<GVariant> reply;
-    std::shared_ptr<GError> error;  ///< kRan: the GDBus error of a failed call (see `reply`)
+    /// An observer that keeps a copy of the end keeps a reference of its own.
+    common::SharedVariantPtr reply;
+    /// kRan: the GDBus error of a failed call (see `reply`); a copy of the end
+    /// carries a duplicate of the error.
+    common::CopyableErrorPtr error;
     std::vector<common::SessionProfile> profiles;  ///< kRan, readProfiles: the list the reply carried
     std::string failure;                           ///< the exception's text, if one was thrown
   };
@@ -302,7 +304,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   static gboolean OnConnectTimer(gpointer handle);
   static void OnDaemonNameAppeared(GDBusConnection* connection, const char* name, const char* nameOwner, void* handle);
 
-  GVariant* lastReply_ ZV_GUARDED_BY(runMutex_) = nullptr;  // owned
+  common::GVariantPtr lastReply_ ZV_GUARDED_BY(runMutex_);
   std::vector<common::SessionProfile> profiles_ ZV_GUARDED_BY(runMutex_);
   std::map<std::string, std::function<bool(const CommandData::Parameters&)>> functions_;  // fixed after construction
   // Guards the pool, readiness and what is queued for delivery; never held
@@ -322,7 +324,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   common::GErrorPtr lastError_ ZV_GUARDED_BY(runMutex_);  // why the last call failed
   // The "onFound" deliveries of the profile read running now.
   std::vector<std::function<void()>> foundDeliveries_ ZV_GUARDED_BY(runMutex_);
-  GSource* connectTimerSource_ ZV_GUARDED_BY(timerMutex_) = nullptr;  // owned ref to the armed timer
+  common::GSourcePtr connectTimerSource_ ZV_GUARDED_BY(timerMutex_);  // the armed timer
   guint nameWatchId_ ZV_GUARDED_BY(timerMutex_) = 0;                  // the daemon's name while the timer is armed
   common::GObjectPtr<GDBusConnection> nameWatchBus_ ZV_GUARDED_BY(timerMutex_);  // the connection it watches on
   // See "Restoration vs. a connect attempt" above.
