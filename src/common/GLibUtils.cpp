@@ -106,19 +106,19 @@ std::string base64_encode(const unsigned char* data, unsigned int length) {
 std::string base64_decode(const std::string& text) { return DecodeBase64(text.data(), text.size()); }
 
 GVariant* ProfilesToVariant(const std::vector<SessionProfile>& profiles) {
-  GVariantBuilder* builder = g_variant_builder_new(G_VARIANT_TYPE_TUPLE);
+  // On the stack: g_variant_builder_end leaves nothing to release.
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
   const std::string count = std::to_string(2U * static_cast<unsigned int>(profiles.size()));
   ZV_LOGI("profilesSize[%s]", count.c_str());
-  g_variant_builder_add_value(builder, StringToVariant(count));
+  g_variant_builder_add_value(&builder, StringToVariant(count));
   for (const SessionProfile& profile : profiles) {
     ZV_LOGI("profile [%d] [%s]", profile.id, profile.name.c_str());
-    g_variant_builder_add_value(builder, StringToVariant(std::to_string(profile.id)));
-    g_variant_builder_add_value(builder, StringToVariant(profile.name));
+    g_variant_builder_add_value(&builder, StringToVariant(std::to_string(profile.id)));
+    g_variant_builder_add_value(&builder, StringToVariant(profile.name));
   }
-  GVariant* inner = g_variant_builder_end(builder);
-  GVariant* outer = g_variant_new_tuple(&inner, 1);
-  g_variant_builder_unref(builder);
-  return outer;
+  GVariant* inner = g_variant_builder_end(&builder);
+  return g_variant_new_tuple(&inner, 1);
 }
 
 std::vector<SessionProfile> VariantToProfiles(GVariant* value) {

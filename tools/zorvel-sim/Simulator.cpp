@@ -162,12 +162,12 @@ GVariant* ArgumentsForWire(GVariant* arguments) {  // new floating unless `argum
 
 std::vector<SessionProfile> EntriesOf(GVariant* parameters) {
   std::vector<SessionProfile> entries;
-  GVariantIter* iter = nullptr;
-  g_variant_get(parameters, "(a(is))", &iter);
+  const GVariantPtr list(g_variant_get_child_value(parameters, 0));
+  GVariantIter iter;
+  g_variant_iter_init(&iter, list.get());
   gint32 id = 0;
   const gchar* name = nullptr;
-  while (g_variant_iter_loop(iter, "(i&s)", &id, &name)) entries.push_back(SessionProfile{name, id});
-  g_variant_iter_free(iter);
+  while (g_variant_iter_loop(&iter, "(i&s)", &id, &name)) entries.push_back(SessionProfile{name, id});
   return entries;
 }
 
