@@ -114,4 +114,12 @@ profiles, connect, delete, stop, monitor), with JSON output for scripts.
 zorvel-sim is a simulated daemon with a D-Bus control interface, for tests
 and for trying applications without the real daemon.")
 
+# The copyright file each package needs and compressed manual pages, added
+# to the staged files only (cmake/DebianStaging.cmake).
+set(CPACK_ZORVEL_DEB_PACKAGES runtime=${ZORVEL_DEB_RUNTIME} dev=libzorvel-dev tools=zorvel-tools)
+set(CPACK_ZORVEL_LICENSE_FILE ${PROJECT_SOURCE_DIR}/LICENSE)
+file(STRINGS ${PROJECT_SOURCE_DIR}/LICENSE CPACK_ZORVEL_COPYRIGHT REGEX "^Copyright" LIMIT_COUNT 1)
+string(REGEX REPLACE "^Copyright (\\(c\\) )?" "" CPACK_ZORVEL_COPYRIGHT "${CPACK_ZORVEL_COPYRIGHT}")
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/DebianStaging.cmake)
+
 include(CPack)

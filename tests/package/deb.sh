@@ -94,7 +94,8 @@ echo "== what each package holds"
 lib="^\./usr/${libdir}"
 has libzorvel1 "${lib}/libzorvel\.so\.1$"
 has libzorvel1 "${lib}/libzorvel\.so\.${version//./\\.}$"
-[[ $(contents "${deb[libzorvel1]}" | wc -l) -eq 2 ]] || fail "libzorvel1 holds more than the library: $(contents "${deb[libzorvel1]}")"
+[[ $(contents "${deb[libzorvel1]}" | grep -cv '/copyright$') -eq 2 ]] ||
+  fail "libzorvel1 holds more than the library and its copyright: $(contents "${deb[libzorvel1]}")"
 has libzorvel-dev "${lib}/libzorvel\.so$"
 has libzorvel-dev "${lib}/pkgconfig/zorvel\.pc$"
 has libzorvel-dev "${lib}/cmake/zorvel/zorvelConfig\.cmake$"
@@ -108,17 +109,25 @@ depends_on libzorvel-dev "libglib2.0-dev"
 if [[ "${tools}" == ON ]]; then
   for tool in zorvelctl zorvel-sim; do
     has zorvel-tools "^\./usr/bin/${tool}$"
-    has zorvel-tools "^\./usr/share/man/man1/${tool}\.1(\.gz)?$"
+    has zorvel-tools "^\./usr/share/man/man1/${tool}\.1\.gz$"
   done
   lacks zorvel-tools "libzorvel\.so"
   depends_on zorvel-tools "libzorvel1 (= ${version})"
 fi
 
+for package in "${packages[@]}"; do
+  has "${package}" "^\./usr/share/doc/${package}/copyright$"
+done
+
 # Every file an install of this build makes is in exactly one package: an
 # install() rule without a packaged COMPONENT would be left out silently.
+# Only the packages hold a copyright file each, and their manual pages are
+# compressed.
 "${cmake}" --install "${build}" --prefix "${work}/all" >/dev/null
 (cd "${work}/all" && find . \( -type f -o -type l \) | sed 's|^\./|./usr/|' | sort) >"${work}/installed.txt"
-for package in "${packages[@]}"; do contents "${deb[${package}]}"; done | sort >"${work}/packaged.txt"
+for package in "${packages[@]}"; do contents "${deb[${package}]}"; done |
+  grep -Ev '^\./usr/share/doc/[^/]+/copyright$' | sed -E 's|^(\./usr/share/man/.*\.[1-9])\.gz$|\1|' |
+  sort >"${work}/packaged.txt"
 if [[ -n $(uniq -d "${work}/packaged.txt") ]]; then
   fail "in more than one package: $(uniq -d "${work}/packaged.txt")"
 fi
@@ -136,6 +145,14 @@ for package in "${packages[@]}"; do
   dpkg-deb -x "${deb[${package}]}" "${work}/root"
 done
 prefix="${work}/root/usr"
+for package in "${packages[@]}"; do
+  grep -q "^License: Expat$" "${prefix}/share/doc/${package}/copyright" || fail "${package}'s copyright file"
+done
+if [[ "${tools}" == ON ]]; then
+  for tool in zorvelctl zorvel-sim; do
+    gzip -dc "${prefix}/share/man/man1/${tool}.1.gz" | grep -q "^\.TH" || fail "${tool}.1.gz is no manual page"
+  done
+fi
 export LD_LIBRARY_PATH="${prefix}/${libdir}${LD_LIBRARY_PATH:+:${LD_LIBRARY_PATH}}"
 
 if [[ "${tools}" == ON ]]; then
