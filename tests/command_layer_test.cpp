@@ -11,7 +11,6 @@
 
 #include <zorvel/common/GLibUtils.h>
 #include <zorvel/dbus/client/DBusClientAsync.h>
-#include <zorvel/dbus/client/TestHooks.h>
 
 #include "support/BusTest.h"
 #include "support/Outcomes.h"
@@ -27,7 +26,6 @@ using Found = std::vector<std::pair<int, std::string>>;
 using Strings = std::vector<std::string>;
 using Probes = std::vector<std::unique_ptr<VariantProbe>>;
 using Clock = std::chrono::steady_clock;
-using Hook = dbus::client::testing::Point;
 using namespace std::chrono_literals;
 
 const Found kStored{{7, "Stored"}, {8, "Other"}};
@@ -46,30 +44,6 @@ std::size_t Unreleased(const Probes& probes) {
   WaitUntil([&] { return alive() == 0; });
   return alive();
 }
-
-// Records which kind of connect attempt made the link, and can step into the first one.
-class AttemptHook {
- public:
-  explicit AttemptHook(std::function<void()> onConnected = {}) : onConnected_(std::move(onConnected)) {}
-  int byTimer() const { return byTimer_; }
-  int byNameWatch() const { return byNameWatch_; }
-  bool reconnectWaits() const { return reconnectWaits_; }
-  int started() const { return started_; }      // connect attempts begun
-  int teardowns() const { return teardowns_; }  // client destructors begun
-
- private:
-  std::function<void()> onConnected_;  // run once, on the main-loop thread
-  std::atomic<int> byTimer_{0}, byNameWatch_{0}, started_{0}, teardowns_{0};
-  std::atomic<bool> reconnectWaits_{false};
-  ScopedHook hook_{[this](Hook point) {  // after what it touches
-    if (point == Hook::kReconnectAwaitsLink) reconnectWaits_ = true;
-    if (point == Hook::kAttemptStarts) ++started_;
-    if (point == Hook::kTeardownBegins) ++teardowns_;
-    if (point != Hook::kConnectedByTimer && point != Hook::kConnectedByNameWatch) return;
-    (point == Hook::kConnectedByTimer ? byTimer_ : byNameWatch_)++;
-    if (onConnected_) std::exchange(onConnected_, nullptr)();
-  }};
-};
 
 class TheCommandLayer : public BusTest {
  protected:
@@ -134,7 +108,7 @@ TEST_F(TheCommandLayer, RestoresALostLinkAndReplaysInOrder) {
   auto client = NewClient();
   // The process dies with nothing held (the call in flight fails and is not sent again): the link
   // goes, and is looked for again with no command asking for it.
-  AttemptHook attempts;
+  HookCounts attempts;
   control().SetNoReply("stopBroadcast");
   ASSERT_TRUE(client->Call("stopBroadcast", nullptr, nullptr, -1));
   ASSERT_TRUE(control().WaitForCall("stopBroadcast"));
@@ -155,7 +129,7 @@ TEST_F(TheCommandLayer, RestoresALostLinkAndReplaysInOrder) {
 
 TEST_F(TheCommandLayer, ReconnectsWhenTheNameGetsAnOwner) {
   auto client = NewClient();
-  AttemptHook attempts;
+  HookCounts attempts;
   for (int round = 1; round <= 3; ++round) {  // a name passed on at once, and one that stays away a while
     if (round == 2) {
       sim().Kill();
@@ -180,7 +154,7 @@ TEST_F(TheCommandLayer, StaysConnectedWhenARestorationFollowsAConnect) {
   control().ReleaseName();
   auto client = NewClient(0);
   std::promise<std::shared_future<void>> started;  // the hook runs on the attempt's own thread
-  AttemptHook attempts([&] {
+  HookCounts attempts([&] {
     const std::shared_future<void> restoration = std::async(std::launch::async, [&] { client->Reconnect(); }).share();
     started.set_value(restoration);
     WaitUntil([&] { return attempts.reconnectWaits() || restoration.wait_for(0s) == std::future_status::ready; });
@@ -199,7 +173,7 @@ TEST_F(TheCommandLayer, StaysConnectedWhenARestorationFollowsAConnect) {
 TEST_F(TheCommandLayer, HoldsCommandsAfterDisconnectUntilANewOwner) {
   Ends ends;
   auto client = NewClient();
-  AttemptHook attempts;
+  HookCounts attempts;
   EXPECT_TRUE(client->Disconnect());
   EXPECT_TRUE(client->IsConnected());
   // Connected but not ready: held, with no restoration; signals still arrive.
@@ -296,7 +270,7 @@ TEST_F(TheCommandLayer, TeardownDoesNotWaitForTheDaemon) {
   control().AcquireName();
   client = NewClient();
   DBusClientAsync* raw = client.get();
-  AttemptHook hook;
+  HookCounts hook;
   std::atomic<bool> entered{false};
   std::atomic<int> usedDuringTeardown{0};
   client->SetSignalCallback("onFound", [&, raw](GVariant*) {
@@ -324,7 +298,7 @@ TEST_F(TheCommandLayer, SurvivesClientsDestroyedDuringRestarts) {
     }
   });
   Probes probes;
-  AttemptHook hook;
+  HookCounts hook;
   for (int round = 0; round < 30; ++round) {
     const int attempts = hook.started();
     auto client = NewClient(0);

@@ -7,12 +7,12 @@
 
 #include <system_error>
 
+#include <zorvel/Launcher.h>
+#include <zorvel/LauncherTesting.h>
 #include <zorvel/common/GLibUtils.h>
 #include <zorvel/dbus/client/CallbackAnchor.h>
 #include <zorvel/dbus/client/DBusClientAsync.h>
 #include <zorvel/dbus/client/TestHooks.h>
-#include <zorvel/Launcher.h>
-#include <zorvel/LauncherTesting.h>
 
 #include "support/BusTest.h"
 #include "support/Outcomes.h"
@@ -139,15 +139,12 @@ TEST_F(Liveness, ReplayRunsOffTheMainLoopInOrderBeforeLaterCommands) {
 }
 
 TEST_F(Liveness, ConnectAttemptsLeaveTheMainLoopRunningWhileTheBusIsFrozen) {
-  std::atomic<int> attempts{0};
-  ScopedHook hook([&](Hook point) {
-    if (point == Hook::kAttemptStarts) ++attempts;
-  });
+  HookCounts attempts;
   Launcher launcher;
   told_.Attach(launcher);
   FreezeBus(true);
   EXPECT_EQ(launcher.Init(), 0);
-  const bool attempting = WaitUntil([&] { return attempts > 0; });  // blocked on the bus
+  const bool attempting = WaitUntil([&] { return attempts.started() > 0; });  // blocked on the bus
   std::atomic<bool> beat{false};
   dbus::client::detail::PublishHandle(&beat);  // handed over through GLib, which ThreadSanitizer does not see
   g_main_context_invoke(
@@ -171,25 +168,20 @@ TEST_F(Liveness, ConnectAttemptsLeaveTheMainLoopRunningWhileTheBusIsFrozen) {
 TEST_F(Liveness, NameWatchFollowsTheBusAcrossItsRestart) {
   // The daemon goes first (its name is then watched on the connection of the time), then the bus:
   // the watch must move to the new connection, or only the 500 ms retry notices the daemon's return.
-  std::atomic<int> attempts{0}, byNameWatch{0}, byTimer{0};
-  ScopedHook hook([&](Hook point) {
-    if (point == Hook::kAttemptStarts) ++attempts;
-    if (point == Hook::kConnectedByNameWatch) ++byNameWatch;
-    if (point == Hook::kConnectedByTimer) ++byTimer;
-  });
+  HookCounts hooks;
   Launcher launcher;
   ASSERT_TRUE(InitReady(launcher));
   for (int round = 1; round <= 2; ++round) {
-    const int connected = byNameWatch + byTimer;
+    const int connected = hooks.byNameWatch() + hooks.byTimer();
     sim().Kill();
-    ASSERT_TRUE(WaitUntil([&, before = attempts.load()] { return attempts > before; }));
+    ASSERT_TRUE(WaitUntil([&, before = hooks.started()] { return hooks.started() > before; }));
     RestartBusAndDaemon([&] {  // two attempts on the new bus: the first failed and watched the name there
-      ASSERT_TRUE(WaitUntil([&, before = attempts.load()] { return attempts >= before + 2; }));
+      ASSERT_TRUE(WaitUntil([&, before = hooks.started()] { return hooks.started() >= before + 2; }));
     });
-    ASSERT_TRUE(WaitUntil([&] { return byNameWatch + byTimer > connected; })) << logs().Dump();
+    ASSERT_TRUE(WaitUntil([&] { return hooks.byNameWatch() + hooks.byTimer() > connected; })) << logs().Dump();
   }
   // A retry can win a round only on a machine stalled for most of its 500 ms.
-  EXPECT_GE(byNameWatch, 1);
+  EXPECT_GE(hooks.byNameWatch(), 1);
   EXPECT_EQ(told_.Run([&](CommandId* id) { launcher.StartBroadcast(true, id); }).status, CommandStatus::kAnswered);
 }
 

@@ -26,6 +26,34 @@ struct ScopedHook {
   ~ScopedHook() { dbus::client::testing::SetHook(nullptr); }
 };
 
+// Counts the test points the layer reached (which kind of connect attempt made the link, teardowns
+// and the thread of the latest), and can step into the first connect.
+class HookCounts {
+ public:
+  using Point = dbus::client::testing::Point;
+  explicit HookCounts(std::function<void()> onConnected = {}) : onConnected_(std::move(onConnected)) {}
+  int byTimer() const { return byTimer_; }
+  int byNameWatch() const { return byNameWatch_; }
+  bool reconnectWaits() const { return reconnectWaits_; }
+  int started() const { return started_; }      // connect attempts begun
+  int teardowns() const { return teardowns_; }  // client destructors begun
+  std::thread::id tornDownOn() const { return tornDownOn_; }
+
+ private:
+  std::function<void()> onConnected_;  // run once, on the main-loop thread
+  std::atomic<int> byTimer_{0}, byNameWatch_{0}, started_{0}, teardowns_{0};
+  std::atomic<bool> reconnectWaits_{false};
+  std::atomic<std::thread::id> tornDownOn_{};
+  ScopedHook hook_{[this](Point point) {  // after what it touches
+    if (point == Point::kReconnectAwaitsLink) reconnectWaits_ = true;
+    if (point == Point::kAttemptStarts) ++started_;
+    if (point == Point::kTeardownBegins) tornDownOn_ = std::this_thread::get_id(), ++teardowns_;
+    if (point != Point::kConnectedByTimer && point != Point::kConnectedByNameWatch) return;
+    (point == Point::kConnectedByTimer ? byTimer_ : byNameWatch_)++;
+    if (onConnected_) std::exchange(onConnected_, nullptr)();
+  }};
+};
+
 // The client the Launchers share.
 inline dbus::client::DBusClientAsync& Client() {
   return *static_cast<dbus::client::DBusClientAsync*>(zorvel::testing::CurrentClient());
