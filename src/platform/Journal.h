@@ -31,7 +31,10 @@ bool JournalReachable();
 // CODE_LINE and CODE_FUNC. Dropped silently when the journal refuses it.
 // Thread-safe. A writer thread sends the entry (the caller, if no thread can
 // be started), so the caller does not wait for the journal: an error entry
-// waits at most 50 ms for it and the entries before it to be sent. Entries
+// waits at most 50 ms for it and the entries before it to be sent. The
+// writer sends entries in batches, each about 1 ms after its first entry
+// (an error entry at once), so a burst of entries costs the threads that
+// write them no wake-up of the writer beyond the first. Entries
 // that find 8,192 waiting are dropped; once the journal takes entries again,
 // an info entry tagged zorvel.platform says how many. At exit, queued
 // entries get at most 1 s to be sent.

@@ -1,5 +1,6 @@
 #include <zorvel/platform/SystemLog.h>
 
+#include <pthread.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -11,9 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
-#include <thread>
 
 #include <zorvel/common/ThreadAnnotations.h>
 #include <zorvel/platform/Journal.h>
@@ -179,14 +178,14 @@ void LogWrite(LogBuffer buffer, LogPriority priority, const char* tag, const cha
 }
 
 const char* ThreadIdText() {
-  // A thread's id never changes, so it is formatted once per thread.
+  // A thread's id never changes, so it is formatted once per thread: on the
+  // first line of each command thread, also one that nobody receives (the
+  // macros pass it before the line is dropped). std::thread::id prints as its
+  // pthread_t (libstdc++), in hexadecimal here; snprintf writes the same
+  // text without building a stream and its locale on every new thread.
+  static_assert(sizeof(pthread_t) <= sizeof(unsigned long), "pthread_t prints as an unsigned long");
   thread_local char text[32] = "";
-  if (text[0] == '\0') {
-    std::ostringstream stream;
-    stream.setf(std::ios_base::hex, std::ios_base::basefield);
-    stream << std::this_thread::get_id();
-    std::snprintf(text, sizeof text, "%s", stream.str().c_str());
-  }
+  if (text[0] == '\0') std::snprintf(text, sizeof text, "%lx", static_cast<unsigned long>(pthread_self()));
   return text;
 }
 

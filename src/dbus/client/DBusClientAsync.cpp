@@ -115,20 +115,30 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
   // throws here and delivers nothing.
   self.profiles_ = common::VariantToProfiles(self.lastReply_.get());
   ZV_LOGI_THD("Read profiles size[%zu]", self.profiles_.size());
+  if (self.profiles_.empty()) return true;
   // Queued, not dispatched: the handlers run once the command has ended and
   // no lock of the layer is held. The payloads are made there too, so that
   // nothing of theirs holds up the command's end (the list), told before them.
-  for (const common::SessionProfile& profile : self.profiles_) {
-    self.foundDeliveries_.push_back([&self, profile] {
+  // One action delivers them all, in order, each as a batch runs an action of
+  // its own (one that throws is reported, and the next goes on): one copy of
+  // the list for all of them (the end takes the decoded one), rather than a
+  // callable and a copy of its profile each, made while the end waits.
+  self.foundDeliveries_.push_back([&self, profiles = self.profiles_] {
+    for (const common::SessionProfile& profile : profiles) {
       if (self.closing_) return;
-      const common::GVariantPtr payload = common::SinkVariant(common::SerializeIntoGVariant(profile.name, profile.id));
-      if (!payload) {
-        ZV_LOGE("Failed to allocate tuple");
-        return;
+      try {
+        const common::GVariantPtr payload =
+            common::SinkVariant(common::SerializeIntoGVariant(profile.name, profile.id));
+        if (!payload) {
+          ZV_LOGE("Failed to allocate tuple");
+          continue;
+        }
+        self.HandleSignal(kSignalOnFound, payload.get());
+      } catch (...) {
+        ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
       }
-      self.HandleSignal(kSignalOnFound, payload.get());
-    });
-  }
+    }
+  });
   return true;
 }
 
@@ -322,7 +332,8 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld, std:
     end.reply = common::SharedVariantPtr(common::GVariantPtr(g_variant_ref(lastReply_.get())));
   }
   if (!ran && lastError_) end.error = common::CopyableErrorPtr(std::move(lastError_));
-  if (ran && command.parameters.method == kMethodReadProfiles) end.profiles = profiles_;
+  // The list goes to the end as it is: the deliveries have their own copy.
+  if (ran && command.parameters.method == kMethodReadProfiles) end.profiles = std::move(profiles_);
   std::vector<std::function<void()>> found = std::move(foundDeliveries_);
   foundDeliveries_.clear();
   poolMutex_.LockThrough(poolLock);
