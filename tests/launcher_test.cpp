@@ -1,16 +1,12 @@
 // The Launcher end to end: what each command sends, answers and ends with, the shared client's
-// replacement and teardown, restarts of the daemon and of the bus, callbacks and their hazards.
+// replacement and teardown, the link state it tells (every change, in order, on the main loop) across
+// restarts of the daemon and of the bus, callbacks and their hazards.
 
 #include <algorithm>
-#include <future>
 #include <tuple>
 #include <utility>
 
 #include <zorvel/common/GLibUtils.h>
-#include <zorvel/dbus/client/DBusClientAsync.h>
-#include <zorvel/dbus/client/TestHooks.h>
-#include <zorvel/Launcher.h>
-#include <zorvel/LauncherTesting.h>
 
 #include "support/BusTest.h"
 #include "support/Outcomes.h"
@@ -26,28 +22,46 @@ using zorvel::testing::CurrentClient;
 using Found = std::pair<int, std::string>;
 using Available = std::pair<int, bool>;
 using Texts = std::vector<std::string>;
+using zorvel::LinkState;
+using States = std::vector<LinkState>;
 using Hook = dbus::client::testing::Point;
 
 class LauncherTest : public BusTest {
  protected:
   SimOptions SimArguments() const override { return {{{1, "One"}, {2, "Two"}}, {}, 50}; }
 
-  // Records the link states `launcher` tells from now on.
+  // Records the link states `launcher` tells, each on the main loop and with a text; Next starts from now.
   void WatchLink(Launcher& launcher) {
-    states_.Clear();
-    launcher.SetOnLinkState([this](const zorvel::LinkStatus& status) { states_.Add(status.state); });
-  }
-  // Waits until the link was told ready `count` times since WatchLink.
-  bool ReadyTimes(std::size_t count) {
-    return WaitUntil([&] {
-      const auto states = states_.Items();
-      return static_cast<std::size_t>(std::count(states.begin(), states.end(), zorvel::LinkState::kReady)) >= count;
+    RunOnMainLoop([this] { mainLoop_ = std::this_thread::get_id(); });
+    mark_ = statuses_.Items().size();
+    launcher.SetOnLinkState([this](const zorvel::LinkStatus& status) {
+      EXPECT_EQ(std::this_thread::get_id(), mainLoop_) << "told off the main loop";
+      EXPECT_FALSE(status.text.empty());
+      statuses_.Add(status);
     });
+  }
+  // The states told since the last call, once the last of them is `last` (all of them at the deadline).
+  States Next(LinkState last) {
+    const std::size_t from = mark_;
+    WaitUntil([&] {
+      const auto told = statuses_.Items();
+      return told.size() > from && told.back().state == last;
+    });
+    const auto told = statuses_.Items();
+    mark_ = told.size();
+    States states;
+    for (std::size_t i = from; i < told.size(); ++i) states.push_back(told[i].state);
+    return states;
+  }
+  // Waits until the link is told ready (the last state since the previous Next).
+  bool Ready() {
+    const States told = Next(LinkState::kReady);
+    return !told.empty() && told.back() == LinkState::kReady;
   }
   // Init, then wait until the command layer is ready.
   ::testing::AssertionResult InitReady(Launcher& launcher) {
     WatchLink(launcher);
-    if (launcher.Init() == 0 && ReadyTimes(1)) return ::testing::AssertionSuccess();
+    if (launcher.Init() == 0 && Ready()) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the daemon never became ready\n" << logs().Dump();
   }
   ::testing::AssertionResult AttachedReady(Launcher& launcher) { return Attach(launcher), InitReady(launcher); }
@@ -66,7 +80,9 @@ class LauncherTest : public BusTest {
     for (GVariant* body : bodies) control().Emit(member, body);
   }
 
-  Recorder<zorvel::LinkState> states_;
+  std::thread::id mainLoop_;  // written and read on the main loop only
+  std::size_t mark_ = 0;      // the statuses Next has returned
+  Recorder<zorvel::LinkStatus> statuses_;
   Recorder<Found> found_;
   Recorder<int> cancelled_;
   Recorder<Available> available_;
@@ -110,8 +126,9 @@ TEST_F(LauncherTest, CommandsNeedAClientAndInit) {
 }
 
 TEST_F(LauncherTest, OutcomesCarryTheAnswerOrTheError) {
+  control().SetInstances({});
   Launcher launcher;
-  outcomes_.Attach(launcher);
+  Attach(launcher);  // no instances broadcast: any "found" would come from a reply that does not decode
   ASSERT_TRUE(InitReady(launcher));
   CommandOutcome outcome = outcomes_.Run([&](CommandId* id) { launcher.Connect(7, id); });
   EXPECT_EQ(std::tie(outcome.status, outcome.method, outcome.argument, outcome.answer),
@@ -155,7 +172,7 @@ TEST_F(LauncherTest, DirectCallsAnswerOnTheCallingThread) {
   EXPECT_EQ(outcomes_.Find(stopBroadcast)->second, std::this_thread::get_id());
 
   control().AcquireName();
-  ASSERT_TRUE(ReadyTimes(1));
+  ASSERT_TRUE(Ready());
   control().SetAnswer("deinit", -1);
   EXPECT_EQ(launcher.Stop(&stop), 0) << "Stop returns 0 whatever the daemon answers";
   EXPECT_EQ(outcomes_.Final(stop).answer, -1);
@@ -169,32 +186,39 @@ TEST_F(LauncherTest, DirectCallsAnswerOnTheCallingThread) {
   EXPECT_EQ(outcomes_.Final(stopBroadcast).status, CommandStatus::kTimedOut);
 }
 
-TEST_F(LauncherTest, StopBroadcastInADeliveryDiscardsHeldCommands) {
+TEST_F(LauncherTest, StopBroadcastInsideAnOutcomeDiscardsHeldCommandsWithoutWaiting) {
   // While the daemon is ready nothing is held; a vanishing between StopBroadcast's readiness test and
-  // its lock is forced here. It runs inside an outcome's delivery on a command thread: the discarded
-  // command is told on that thread, once that delivery ended, and after its "held".
-  CommandId trigger = 0;
-  Launcher launcher;  // after what its callbacks touch
-  outcomes_.Attach(launcher, [&](const CommandOutcome& told) {
-    if (told.id == trigger) launcher.StopBroadcast();
-  });
-  ASSERT_TRUE(InitReady(launcher));
-  std::atomic<CommandId> held{0};
-  ScopedHook hook([&](Hook point) {
-    if (point != Hook::kDisconnectAwaitsPool || held != 0) return;
-    control().ReleaseName();
-    EXPECT_TRUE(WaitUntil([] { return !CurrentClient()->IsConnected(); }));
-    CommandId id = 0;
-    launcher.StartBroadcast(true, &id);
-    held = id;
-    EXPECT_TRUE(WaitUntil([] { return Client().GetCounts().held == 1; }));  // its "held" waits for us
-  });
-  launcher.DeleteStoredProfile(1, &trigger);
-  ASSERT_TRUE(WaitUntil([&] { return held != 0; }));
-  const CommandOutcome outcome = outcomes_.Final(held);
-  EXPECT_EQ(std::make_pair(outcome.status, outcome.wasHeld), std::make_pair(CommandStatus::kDiscarded, true));
-  EXPECT_TRUE(outcomes_.Find(held, false));
-  EXPECT_EQ(outcomes_.Find(held)->second, outcomes_.Find(trigger)->second);
+  // its lock is forced here, inside an outcome: of an asynchronous command (on a command thread) and of
+  // a direct one (Stop: on the calling thread, under the callback lock). The held command's "held" was
+  // queued first and waits for that delivery: the discarded outcome comes after it, on the trigger's
+  // thread, and does not wait for it.
+  const std::function<void(Launcher&, CommandId*)> triggers[] = {
+      [](Launcher& launcher, CommandId* id) { launcher.DeleteStoredProfile(1, id); },
+      [](Launcher& launcher, CommandId* id) { EXPECT_EQ(launcher.Stop(id), 0); }};
+  for (const auto& trigger : triggers) {
+    CommandId triggered = 0;
+    std::atomic<CommandId> held{0};
+    Launcher launcher;  // after what its callbacks touch
+    outcomes_.Attach(launcher, [&](const CommandOutcome& outcome) {
+      if (outcome.id == triggered) launcher.StopBroadcast();
+    });
+    ASSERT_TRUE(InitReady(launcher));
+    ScopedHook hook([&](Hook point) {
+      if (point != Hook::kDisconnectAwaitsPool || held != 0) return;
+      control().ReleaseName();
+      EXPECT_TRUE(WaitUntil([] { return !Client().IsConnected(); }));
+      CommandId id = 0;
+      launcher.StartBroadcast(true, &id);
+      held = id;
+      EXPECT_TRUE(WaitUntil([] { return Client().GetCounts().held == 1; }));  // its "held" waits for us
+    });
+    EXPECT_TRUE(FinishesInBoundedTime([&] { trigger(launcher, &triggered); })) << logs().Dump();
+    ASSERT_TRUE(WaitUntil([&] { return held != 0; }));
+    EXPECT_EQ(outcomes_.Of(held), (std::vector<CommandStatus>{CommandStatus::kHeld, CommandStatus::kDiscarded}));
+    EXPECT_TRUE(outcomes_.Final(held).wasHeld);
+    EXPECT_EQ(outcomes_.Find(held)->second, outcomes_.Find(triggered)->second);
+    control().AcquireName();
+  }
 }
 
 TEST_F(LauncherTest, DestroyingIsBoundedAndSilentAfterwards) {
@@ -234,12 +258,12 @@ TEST_F(LauncherTest, ASecondInitReplacesTheClient) {
   WatchLink(second);
   ASSERT_TRUE(FinishesInBoundedTime([&] { EXPECT_EQ(second.Init(), 0); }));
   EXPECT_NE(CurrentClient(), firstClient);
-  ASSERT_TRUE(ReadyTimes(1));
+  ASSERT_TRUE(Ready());
   control().SetNoReply("readProfiles", false);
   second.ReadProfiles();
   EXPECT_TRUE(Holds(found_, {{1, "One"}, {2, "Two"}}));
   EXPECT_TRUE(firstFound.Items().empty());
-  EXPECT_TRUE(control().CallsOf("startBroadcast").empty());
+  EXPECT_EQ(control().CallsOf("startBroadcast"), 0u);
 }
 
 TEST_F(LauncherTest, ReadProfilesListsFullIdsFirst) {
@@ -283,9 +307,17 @@ TEST_F(LauncherTest, ReadProfilesListsFullIdsFirst) {
             "org.freedesktop.DBus.Error.LimitsExceeded");
 }
 
-TEST_F(LauncherTest, SignalsReachTheirCallbacks) {
+TEST_F(LauncherTest, SignalsReachTheirCallbacksFromTheDaemonOnly) {
   Launcher launcher;
   ASSERT_TRUE(AttachedReady(launcher));
+  // Strangers' signals (broadcast and unicast) are ignored; sent before the daemon's, they would be in by then.
+  const std::string application = zorvel::testing::CurrentClientBusName();
+  ASSERT_FALSE(application.empty());
+  for (const std::string& destination : {std::string(), application}) {
+    control().EmitAs("onFound", common::SerializeIntoGVariant("fake", 66), destination);
+    control().EmitAs("onConnectionAvailable", g_variant_new("(qq)", 66, 1), destination);
+    control().EmitAs("onDbusClosing", g_variant_new("(i)", 1), destination);
+  }
   const std::string raw("\xff\x00zorvel", 8);
   // Malformed payloads (every shape is fuzzed) are dropped here as on the bus.
   EmitEach("onFound", {common::SerializeIntoGVariant("Kitchen speaker", 12), g_variant_new("(ayq)", nullptr, 12),
@@ -299,6 +331,9 @@ TEST_F(LauncherTest, SignalsReachTheirCallbacks) {
   ASSERT_TRUE(Holds(available_, {{5, true}, {65535, false}, {0, false}}));  // one sender: all before it were handled
   EXPECT_EQ(found_.Items(), (std::vector<Found>{{12, "Kitchen speaker"}, {13, raw}}));
   EXPECT_EQ(cancelled_.Items(), std::vector<int>{3});
+  // The fake "onDbusClosing" left the client ready: a command runs at once, it is not held.
+  const CommandOutcome outcome = outcomes_.Run([&](CommandId* id) { launcher.DeleteStoredProfile(1, id); });
+  EXPECT_EQ(std::make_pair(outcome.status, outcome.wasHeld), std::make_pair(CommandStatus::kAnswered, false));
 
   // Cleared callbacks are skipped; their handlers still run.
   ClearCallbacks(launcher);
@@ -306,31 +341,8 @@ TEST_F(LauncherTest, SignalsReachTheirCallbacks) {
   control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall display", 7}, 3));
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 5, 1));
   control().Emit("onDbusClosing", g_variant_new("(i)", 0));  // one sender: once it is handled, all were
-  ASSERT_TRUE(WaitUntil([&] { return states_.Items().back() == zorvel::LinkState::kHeldUntilNewOwner; }));
+  ASSERT_TRUE(WaitUntil([&] { return statuses_.Items().back().state == LinkState::kHeldUntilNewOwner; }));
   EXPECT_EQ(found_.Items().size() + cancelled_.Items().size() + available_.Items().size(), 6u);
-}
-
-TEST_F(LauncherTest, CallbacksKeepTheirStateBetweenEvents) {
-  struct Counter {  // a functor whose count lives in the callable itself
-    Recorder<int>* out;
-    int seen = 0;
-    void operator()(int, bool) { out->Add(++seen); }
-  };
-  Recorder<int> availableCounts;
-  Launcher launcher;
-  launcher.SetOnConnectionAvailable(Counter{&availableCounts});
-  launcher.SetOnCancelConnectionCallback([this, seen = 0](int) mutable { cancelled_.Add(++seen); });
-  launcher.SetOnInstanceFoundCallback([this, seen = 0](int id, const std::string&) mutable {
-    found_.Add({id, std::to_string(++seen)});
-  });
-  ASSERT_TRUE(InitReady(launcher));
-  for (guint16 n = 1; n <= 3; ++n) {
-    control().Emit("onConnectionAvailable", g_variant_new("(qq)", n, 1));
-    control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall", 7}, n));
-    control().Emit("onFound", common::SerializeIntoGVariant("Hall", n));
-  }
-  EXPECT_TRUE(Holds(availableCounts, {1, 2, 3}) && Holds(cancelled_, {1, 2, 3}));
-  EXPECT_TRUE(Holds(found_, {{1, "1"}, {2, "2"}, {3, "3"}}));
 }
 
 TEST_F(LauncherTest, SettersMayRaceDeliveries) {
@@ -345,8 +357,7 @@ TEST_F(LauncherTest, SettersMayRaceDeliveries) {
       launcher.SetOnInstanceFoundCallback([&, capture](int, const std::string&) { foundCalls += !capture.empty(); });
       launcher.SetOnCancelConnectionCallback([&, capture](int) { cancelCalls += !capture.empty(); });
       launcher.SetOnConnectionAvailable([&, capture](int, bool) { availableCalls += !capture.empty(); });
-      if (round % 3 != 2) continue;  // and now and then cleared
-      ClearCallbacks(launcher);
+      if (round % 3 == 2) ClearCallbacks(launcher);  // and now and then cleared
     }
   });
   // Deliveries on the loop thread (broadcast, cancel, available) and on command threads (stored profiles).
@@ -381,34 +392,71 @@ TEST_F(LauncherTest, CallbacksMayCallTheLauncher) {
   control().SetAnswer("stopBroadcast", 4);
   EXPECT_EQ(launcher.Connect(7), 0);
   ASSERT_TRUE(WaitUntil([&] { return found_.Items().size() == 2 && stopResult != 1000; })) << logs().Dump();
-  EXPECT_EQ(startResult, 0);
-  EXPECT_EQ(readSize, 0);
-  EXPECT_EQ(stopResult, 4);
+  EXPECT_EQ(std::make_tuple(startResult.load(), readSize.load(), stopResult.load()), std::make_tuple(0, 0, 4));
   EXPECT_EQ(control().CallTexts(), (Texts{"connect(7,)", "startBroadcast(1,)", "readProfiles()", "stopBroadcast()"}));
   control().Emit("onConnectionAvailable", g_variant_new("(qq)", 9, 0));
   EXPECT_TRUE(Holds(available_, {{9, false}}));
 }
 
-TEST_F(LauncherTest, ListenersHearARestartedDaemon) {
+TEST_F(LauncherTest, LinkStateAndListenersFollowInitStopBroadcastAndADaemonRestart) {
+  struct Counter {  // a functor whose count lives in the callable itself
+    Recorder<int>* out;
+    int seen = 0;
+    void operator()(int, bool) { out->Add(++seen); }
+  };
+  Recorder<int> availableCounts;
   Launcher launcher;
-  ASSERT_TRUE(AttachedReady(launcher));
+  launcher.SetOnConnectionAvailable(Counter{&availableCounts});
+  launcher.SetOnCancelConnectionCallback([this, seen = 0](int) mutable { cancelled_.Add(++seen); });
+  launcher.SetOnInstanceFoundCallback([this, seen = 0](int id, const std::string&) mutable {
+    found_.Add({id, std::to_string(++seen)});
+  });
+  WatchLink(launcher);
+  ASSERT_EQ(launcher.Init(), 0);
+  EXPECT_EQ(Next(LinkState::kReady), (States{LinkState::kConnecting, LinkState::kReady}));
+  launcher.StopBroadcast();
+  EXPECT_EQ(Next(LinkState::kHeldUntilNewOwner), States{LinkState::kHeldUntilNewOwner});
+  control().Restart();  // the name passes to a new owner
+  EXPECT_EQ(Next(LinkState::kReady), (States{LinkState::kWaitingForDaemon, LinkState::kConnecting, LinkState::kReady}));
+
   sim().Kill();
+  EXPECT_EQ(Next(LinkState::kWaitingForDaemon), States{LinkState::kWaitingForDaemon});
   ASSERT_TRUE(sim().Start());
-  ASSERT_TRUE(ReadyTimes(2)) << logs().Dump();
-  control().Emit("onConnectionAvailable", g_variant_new("(qq)", 3, 1));
-  EXPECT_TRUE(Holds(available_, {{3, true}}));
-  EXPECT_TRUE(control().GetCalls().empty());
+  EXPECT_EQ(Next(LinkState::kReady), (States{LinkState::kConnecting, LinkState::kReady}));
+  // Listeners hear the restarted daemon, which was sent nothing; their callables keep their state.
+  for (guint16 n = 1; n <= 3; ++n) {
+    control().Emit("onConnectionAvailable", g_variant_new("(qq)", n, 1));
+    control().Emit("onCancel", common::ProfileWithStatusToVariant({"Hall", 7}, n));
+    control().Emit("onFound", common::SerializeIntoGVariant("Hall", n));
+  }
+  EXPECT_TRUE(Holds(availableCounts, {1, 2, 3}) && Holds(cancelled_, {1, 2, 3}));
+  EXPECT_TRUE(Holds(found_, {{1, "1"}, {2, "2"}, {3, "3"}}));
+  EXPECT_TRUE(control().CallTexts().empty());
 }
 
-TEST_F(LauncherTest, OutlivesARestartOfTheSystemBus) {
+TEST_F(LauncherTest, LinkStateSaysWhenTheBusIsUnreachableAndCommandsOutliveItsRestart) {
   Launcher launcher;
   ASSERT_TRUE(AttachedReady(launcher));
+  const auto lastIs = [&](LinkState state) {
+    return WaitUntil([&] { return statuses_.Items().back().state == state; });
+  };
+  // GLib's shared connection would end this process with the bus. A command issued while the daemon
+  // is away is held, and runs once it is back.
   CommandId connect = 0;
-  // GLib's shared connection would end this process with the bus.
-  RestartBusAndDaemon([&] {
-    EXPECT_EQ(launcher.Connect(8, &connect), 0);
-    EXPECT_TRUE(WaitUntil([&] { return outcomes_.Find(connect, false).has_value(); }));
-  });
+  RestartBusAndDaemon(
+      [&] {
+        EXPECT_TRUE(lastIs(LinkState::kWaitingForDaemon));
+        EXPECT_EQ(launcher.Connect(8, &connect), 0);
+        EXPECT_TRUE(WaitUntil([&] { return outcomes_.Find(connect, false).has_value(); }));
+      },
+      [&] { EXPECT_TRUE(lastIs(LinkState::kBusUnreachable)); });
+  EXPECT_EQ(Next(LinkState::kReady), (States{LinkState::kWaitingForDaemon, LinkState::kBusUnreachable,
+                                             LinkState::kWaitingForDaemon, LinkState::kConnecting, LinkState::kReady}));
+  for (const zorvel::LinkStatus& status : statuses_.Items()) {  // when unreachable: the address tried, and why
+    EXPECT_TRUE(status.state != LinkState::kBusUnreachable ||
+                (status.busAddress == BusAddress() && !status.error.empty()))
+        << status.busAddress;
+  }
   EXPECT_EQ(outcomes_.Final(connect).status, CommandStatus::kAnswered);
   EXPECT_EQ(control().CallTexts(), Texts{"connect(8,)"});
   EXPECT_TRUE(Holds(available_, {{8, true}}));  // the sim follows a connect with (8, 1): signals flow
@@ -438,26 +486,6 @@ TEST_F(LauncherTest, CommandsMayRaceTheClientsReplacement) {
   }
   stop = true;
   for (std::thread& user : users) user.join();
-}
-
-TEST_F(LauncherTest, IgnoresStrangersSignals) {
-  control().SetInstances({});
-  Launcher launcher;
-  ASSERT_TRUE(AttachedReady(launcher));
-  const std::string application = zorvel::testing::CurrentClientBusName();
-  ASSERT_FALSE(application.empty());
-  for (const std::string& destination : {std::string(), application}) {  // broadcast and unicast
-    control().EmitAs("onFound", common::SerializeIntoGVariant("fake", 66), destination);
-    control().EmitAs("onConnectionAvailable", g_variant_new("(qq)", 66, 1), destination);
-    control().EmitAs("onDbusClosing", g_variant_new("(i)", 1), destination);
-  }
-  // A real signal after the fake ones: once it is in, the fakes would be too.
-  control().Emit("onFound", common::SerializeIntoGVariant("real", 7));
-  ASSERT_TRUE(Holds(found_, {{7, "real"}}));
-  EXPECT_TRUE(available_.Items().empty());
-  // The fake "onDbusClosing" left the client ready: a command runs at once, it is not held.
-  const CommandOutcome outcome = outcomes_.Run([&](CommandId* id) { launcher.DeleteStoredProfile(1, id); });
-  EXPECT_EQ(std::make_pair(outcome.status, outcome.wasHeld), std::make_pair(CommandStatus::kAnswered, false));
 }
 
 }  // namespace

@@ -5,14 +5,11 @@
 
 #include <pthread.h>
 
+#include <future>
 #include <system_error>
 
-#include <zorvel/Launcher.h>
-#include <zorvel/LauncherTesting.h>
 #include <zorvel/common/GLibUtils.h>
-#include <zorvel/dbus/client/CallbackAnchor.h>
-#include <zorvel/dbus/client/DBusClientAsync.h>
-#include <zorvel/dbus/client/TestHooks.h>
+#include <zorvel/dbus/client/CallbackAnchor.h>  // ZORVEL_TSAN_ANNOTATE
 
 #include "support/BusTest.h"
 #include "support/Outcomes.h"
@@ -48,39 +45,14 @@ class Liveness : public BusTest {
   // answered: the layer is ready.
   ::testing::AssertionResult InitReady(Launcher& launcher, std::function<void(const CommandOutcome&)> also = {}) {
     told_.Attach(launcher, std::move(also));
-    if (launcher.Init() != 0) return ::testing::AssertionFailure() << "Init failed";
-    if (told_.Run([&](CommandId* id) { launcher.DeleteStoredProfile(99, id); }).status == CommandStatus::kAnswered)
+    if (launcher.Init() == 0 &&
+        told_.Run([&](CommandId* id) { launcher.DeleteStoredProfile(99, id); }).status == CommandStatus::kAnswered)
       return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "the daemon never became ready\n" << logs().Dump();
+    return ::testing::AssertionFailure() << "Init failed, or the daemon never became ready\n" << logs().Dump();
   }
 
   Outcomes told_;
 };
-
-TEST_F(Liveness, DisconnectInsideADirectOutcomeWaitsForNoEarlierDelivery) {
-  // Stop's outcome runs on the calling thread under the callback lock, and calls StopBroadcast. Its
-  // Disconnect is made to find a held command (the name vanishes in between), whose "held" outcome
-  // was queued first and waits for the callback lock: the discarded outcome must not wait for it.
-  Launcher launcher;
-  CommandId stop = 0;
-  std::atomic<CommandId> held{0};
-  ASSERT_TRUE(InitReady(launcher, [&](const CommandOutcome& outcome) {
-    if (outcome.id == stop) launcher.StopBroadcast();
-  }));
-  std::atomic<bool> acted{false};
-  ScopedHook hook([&](Hook point) {
-    if (point != Hook::kDisconnectAwaitsPool || acted.exchange(true)) return;
-    control().ReleaseName();
-    EXPECT_TRUE(WaitUntil([] { return !Client().IsConnected(); }));
-    CommandId id = 0;
-    launcher.StartBroadcast(true, &id);
-    held = id;
-    EXPECT_TRUE(WaitUntil([] { return Client().GetCounts().held == 1; }));  // its "held" is queued
-  });
-  EXPECT_TRUE(FinishesInBoundedTime([&] { EXPECT_EQ(launcher.Stop(&stop), 0); })) << logs().Dump();
-  ASSERT_NE(held, 0u);
-  EXPECT_EQ(told_.Of(held), (std::vector<CommandStatus>{CommandStatus::kHeld, CommandStatus::kDiscarded}));
-}
 
 TEST_F(Liveness, ClosingEventMeetingStopBroadcastLeavesTheMainLoopRunning) {
   // StopBroadcast's Disconnect lets the daemon's closing event into the main loop's own Disconnect,
@@ -128,13 +100,12 @@ TEST_F(Liveness, ReplayRunsOffTheMainLoopInOrderBeforeLaterCommands) {
   // Accepted after the readiness, it waits for the replay, and is not held behind it.
   ASSERT_TRUE(client.Submit("deinit", nullptr, -1, deinit.Observer()));
 
-  EXPECT_TRUE(startBroadcast.WaitFor({End::kHeld, End::kRan}));
-  EXPECT_TRUE(connect.WaitFor({End::kHeld, End::kRan}));
+  for (const Ends* replayed : {&startBroadcast, &connect}) {
+    EXPECT_TRUE(replayed->WaitFor({End::kHeld, End::kRan}));
+    EXPECT_NE(replayed->thread.load(), MainLoopThread());
+  }
   EXPECT_TRUE(deinit.WaitFor({End::kRan}));
   EXPECT_EQ(control().CallTexts(), (std::vector<std::string>{"startBroadcast(1,)", "connect(5,)", "deinit()"}));
-  const std::thread::id mainLoop = MainLoopThread();
-  EXPECT_NE(startBroadcast.thread.load(), mainLoop);
-  EXPECT_NE(connect.thread.load(), mainLoop);
   EXPECT_EQ(client.GetCounts().replayed, 2u);
 }
 
@@ -145,23 +116,14 @@ TEST_F(Liveness, ConnectAttemptsLeaveTheMainLoopRunningWhileTheBusIsFrozen) {
   FreezeBus(true);
   EXPECT_EQ(launcher.Init(), 0);
   const bool attempting = WaitUntil([&] { return attempts.started() > 0; });  // blocked on the bus
-  std::atomic<bool> beat{false};
-  dbus::client::detail::PublishHandle(&beat);  // handed over through GLib, which ThreadSanitizer does not see
-  g_main_context_invoke(
-      nullptr,
-      [](gpointer flag) -> gboolean {
-        dbus::client::detail::ReceiveHandle(flag);
-        static_cast<std::atomic<bool>*>(flag)->store(true);
-        return G_SOURCE_REMOVE;
-      },
-      &beat);
-  const bool mainLoopRan = WaitUntil([&] { return beat.load(); });
+  auto beat = std::async(std::launch::async, [] { RunOnMainLoop([] {}); });
+  const bool mainLoopRan = beat.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
   CommandId id = 0;
   launcher.StartBroadcast(true, &id);
   FreezeBus(false);
   EXPECT_TRUE(attempting);
   EXPECT_TRUE(mainLoopRan) << "the main loop waited for the bus";
-  EXPECT_TRUE(WaitUntil([&] { return beat.load(); }));
+  beat.get();
   EXPECT_EQ(told_.Of(id).back(), CommandStatus::kAnswered) << "no link after the bus thawed\n" << logs().Dump();
 }
 

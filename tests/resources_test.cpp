@@ -57,7 +57,7 @@ TEST_F(Resources, ThousandLifecyclesLeaveNothingBehind) {
   auto fullCycle = [&](int round) {
     zorvel::Launcher launcher;
     ASSERT_EQ(launcher.Init(), 0);
-    const std::size_t before = control().CallsOf("deleteStoredProfile").size();
+    const std::size_t before = control().CallsOf("deleteStoredProfile");
     launcher.DeleteStoredProfile(round);
     ASSERT_TRUE(control().WaitForCall("deleteStoredProfile", before + 1));
     EXPECT_GT(BusStat("MatchRules"), rules) << "a connected client shows no match rules: nothing is measured";

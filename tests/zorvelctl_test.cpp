@@ -71,19 +71,14 @@ Outcome Reap(const Child& child, std::optional<std::chrono::milliseconds> deadli
   return run;
 }
 
-// Runs zorvelctl (or `program`) and waits for it; every command is bounded by its own --timeout.
-Outcome Zorvelctl(const std::vector<std::string>& arguments, const char* bus = nullptr,
-                  const char* program = ZORVELCTL_PATH) {
-  return Reap(Start(arguments, bus, program));
-}
-
 bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 bool StartsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 
-// Zorvelctl, expected to exit with `code` and to print each of `parts` on stdout.
+// Runs zorvelctl (or `program`), expected to exit with `code` and to print each of `parts` on stdout; every
+// command is bounded by its own --timeout.
 Outcome Exits(int code, const std::vector<std::string>& arguments, std::initializer_list<const char*> parts = {},
               const char* bus = nullptr, const char* program = ZORVELCTL_PATH) {
-  Outcome run = Zorvelctl(arguments, bus, program);
+  Outcome run = Reap(Start(arguments, bus, program));
   const std::string command = ::testing::PrintToString(arguments);
   EXPECT_EQ(run.exitCode, code) << command << ": " << run.out << run.err;
   for (const char* part : parts) EXPECT_TRUE(Has(run.out, part)) << command << ": " << run.out;
@@ -139,11 +134,11 @@ TEST_F(ZorvelctlTest, ProfilesPrintsFullIdsAndRawNames) {
 
 TEST_F(ZorvelctlTest, CommandsExitOneOnARefusalOrAnError) {
   Exits(0, {"connect", "101"}, {"connection-available id=101 available=true"});
-  ASSERT_EQ(control().CallsOf("connect").size(), 1u);
+  ASSERT_EQ(control().CallsOf("connect"), 1u);
 
   Exits(0, {"delete", "70000"});
   Exits(1, {"--json", "delete", "70000"}, {R"("answer":-1)"});  // gone now: the daemon refuses it
-  EXPECT_TRUE(control().CallsOf("readProfiles").empty()) << "the answer says it all";
+  EXPECT_EQ(control().CallsOf("readProfiles"), 0u) << "the answer says it all";
 
   control().SetAnswer("connect", 7);  // a refusal: no connection event will come
   Exits(1, {"--json", "connect", "101"}, {R"("answer":7)", "refused"});
@@ -187,7 +182,7 @@ TEST_F(ZorvelctlTest, DoubleDashEndsTheOptionsAndJsonCoversUsageErrors) {
   // --timeout takes what --help states, 0 to 999999999 in plain decimal, and nothing else.
   Exits(0, {"--help"}, {"from 0 to 999999999"});
   for (const char* timeout : {"999999999", "0", "10.25", "10.", ".5"}) {  // .5 s may be too short to connect
-    const Outcome run = Zorvelctl({"--timeout", timeout, "profiles"});
+    const Outcome run = Reap(Start({"--timeout", timeout, "profiles"}));
     EXPECT_NE(run.exitCode, 2) << timeout << ": " << run.err;
   }
   for (const char* timeout : {"1000000000", "999999999.5", "1e3", "0x10", "nan", "+5", " 5", "", "."}) {
@@ -207,7 +202,7 @@ TEST_F(ZorvelctlTest, SimTellsAnIdOutOfRangeFromOneNotDecimal) {
 
 TEST_F(ZorvelctlTest, ExitsThreeWithoutADaemonAndTwoOnUsageErrors) {
   // A timeout too short to hear from the bus is reported as such: the daemon's name has an owner.
-  const Outcome hurried = Zorvelctl({"--json", "--timeout", "0.000001", "profiles"});
+  const Outcome hurried = Reap(Start({"--json", "--timeout", "0.000001", "profiles"}));
   EXPECT_NE(hurried.exitCode, 0) << hurried.out;
   EXPECT_FALSE(Has(hurried.out, "had no owner")) << hurried.out;
 
@@ -228,7 +223,7 @@ TEST_F(ZorvelctlTest, ExitsThreeWithoutADaemonAndTwoOnUsageErrors) {
     EXPECT_EQ(Exits(0, {"--version"}, {}, nullptr, program).out,
               std::string(std::strrchr(program, '/') + 1) + " " ZORVEL_VERSION_STRING "\n");
   }
-  EXPECT_TRUE(control().GetCalls().empty());
+  EXPECT_TRUE(control().CallTexts().empty());
 }
 
 }  // namespace

@@ -26,9 +26,7 @@ class BusTest : public ::testing::Test {
   }
   void TearDown() override {
     control_.reset();
-    if (sim_ && sim_->Running()) {
-      EXPECT_EQ(sim_->Stop(), 0) << "zorvel-sim did not exit cleanly";
-    }
+    EXPECT_EQ(sim_ && sim_->Running() ? sim_->Stop() : 0, 0) << "zorvel-sim did not exit cleanly";
     sim_.reset();
   }
 

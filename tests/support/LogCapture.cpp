@@ -32,15 +32,13 @@ LogCapture::LogCapture() : state_(std::make_shared<State>()) {
 
 LogCapture::~LogCapture() { platform::SetLogSink({}); }
 
-std::size_t LogCapture::Count(const std::string& substring) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  std::size_t count = 0;
-  for (const std::string& line : state_->lines) count += line.find(substring) != std::string::npos;
-  return count;
-}
-
-bool LogCapture::WaitFor(const std::string& substring, std::size_t count, std::chrono::milliseconds deadline) const {
-  return WaitUntil([&] { return Count(substring) >= count; }, deadline);
+bool LogCapture::WaitFor(const std::string& substring) const {
+  return WaitUntil([&] {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    for (const std::string& line : state_->lines)
+      if (line.find(substring) != std::string::npos) return true;
+    return false;
+  });
 }
 
 void LogCapture::SetKeepLines(bool keep) {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <chrono>
-#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -20,12 +18,9 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::size_t Count(const std::string& substring) const;  // lines containing `substring`
-  // Waits until at least `count` lines contain `substring`.
-  bool WaitFor(const std::string& substring, std::size_t count = 1,
-               std::chrono::milliseconds deadline = std::chrono::seconds(20)) const;
-  void SetKeepLines(bool keep);  // off: lines are taken but dropped, for long runs
-  std::string Dump() const;      // every line, for failure messages
+  bool WaitFor(const std::string& substring) const;  // waits until a line contains `substring`
+  void SetKeepLines(bool keep);                      // off: lines are taken but dropped, for long runs
+  std::string Dump() const;                          // every line, for failure messages
 
  private:
   struct State;

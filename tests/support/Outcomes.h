@@ -113,8 +113,7 @@ struct Ends : Recorder<dbus::client::DBusClientAsync::CommandEnd::Kind> {
   std::atomic<std::thread::id> thread{};
   dbus::client::DBusClientAsync::CommandObserver Observer() {
     return [this](const dbus::client::DBusClientAsync::CommandEnd& end) {
-      thread = std::this_thread::get_id();
-      Add(end.kind);
+      thread = std::this_thread::get_id(), Add(end.kind);
     };
   }
 };

@@ -34,10 +34,9 @@ bool SimProcess::Start() {
   BusAddress();  // the child inherits DBUS_SYSTEM_BUS_ADDRESS
   std::vector<std::string> argv{ZORVEL_TEST_SIM_PATH};
   if (std::getenv("ZORVEL_TEST_SIM_VERBOSE") == nullptr) argv.push_back("--quiet");
-  for (const auto& [id, name] : options_.profiles)
-    argv.insert(argv.end(), {"--profile", std::to_string(id) + ":" + name});
-  for (const auto& [id, name] : options_.instances)
-    argv.insert(argv.end(), {"--instance", std::to_string(id) + ":" + name});
+  for (const auto& [option, entries] :
+       {std::make_pair("--profile", &options_.profiles), std::make_pair("--instance", &options_.instances)})
+    for (const auto& [id, name] : *entries) argv.insert(argv.end(), {option, std::to_string(id) + ":" + name});
   if (options_.intervalMs != 0) argv.insert(argv.end(), {"--interval", std::to_string(options_.intervalMs)});
   pid_ = SpawnChild(argv);
 
@@ -79,55 +78,33 @@ common::GVariantPtr SimControl::Invoke(const char* method, GVariant* parameters)
   return common::GVariantPtr(reply);
 }
 
-std::vector<SimCall> SimControl::GetCalls() {
-  std::vector<SimCall> calls;
+void SimControl::SetProfiles(const SimEntries& entries) { Send("SetProfiles", "(@a(is))", Entries(entries)); }
+
+void SimControl::SetInstances(const SimEntries& entries) { Send("SetInstances", "(@a(is))", Entries(entries)); }
+
+std::vector<std::string> SimControl::CallTexts() {
+  std::vector<std::string> texts;
   const common::GVariantPtr reply = Invoke("GetCalls", nullptr);
-  if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a(tssv))"))) return calls;
+  if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(a(tssv))"))) return texts;
   GVariantIter* iter = nullptr;
   g_variant_get(reply.get(), "(a(tssv))", &iter);
   const gchar* method = nullptr;
   GVariant* args = nullptr;
   while (g_variant_iter_loop(iter, "(t&s&sv)", nullptr, &method, nullptr, &args))
-    calls.push_back(SimCall{method, common::GVariantPtr(g_variant_ref(args))});
+    texts.push_back(method + (g_variant_n_children(args) == 0 ? std::string("()")
+                                                              : common::GCharPtr(g_variant_print(args, FALSE)).get()));
   g_variant_iter_free(iter);
-  return calls;
-}
-
-namespace {
-std::string StringOf(const common::GVariantPtr& reply) {
-  if (!reply || !g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(s)"))) return {};
-  const gchar* text = nullptr;
-  g_variant_get(reply.get(), "(&s)", &text);
-  return text;
-}
-}  // namespace
-
-std::string SimControl::AcquireName() { return StringOf(Invoke("AcquireName", nullptr)); }
-
-std::string SimControl::Restart() { return StringOf(Invoke("Restart", nullptr)); }
-
-void SimControl::SetProfiles(const SimEntries& entries) { Send("SetProfiles", "(@a(is))", Entries(entries)); }
-
-void SimControl::SetInstances(const SimEntries& entries) { Send("SetInstances", "(@a(is))", Entries(entries)); }
-
-std::vector<SimCall> SimControl::CallsOf(const std::string& method) {
-  std::vector<SimCall> calls = GetCalls();
-  calls.erase(std::remove_if(calls.begin(), calls.end(), [&](const SimCall& call) { return call.method != method; }),
-              calls.end());
-  return calls;
-}
-
-std::vector<std::string> SimControl::CallTexts() {
-  std::vector<std::string> texts;
-  for (const SimCall& call : GetCalls()) {
-    const bool none = g_variant_n_children(call.args.get()) == 0;
-    texts.push_back(call.method + (none ? "()" : common::GCharPtr(g_variant_print(call.args.get(), FALSE)).get()));
-  }
   return texts;
 }
 
+std::size_t SimControl::CallsOf(const std::string& method) {
+  const std::vector<std::string> texts = CallTexts();
+  return std::count_if(texts.begin(), texts.end(),
+                       [&](const std::string& text) { return text.rfind(method + "(", 0) == 0; });
+}
+
 bool SimControl::WaitForCall(const std::string& method, std::size_t count, std::chrono::milliseconds deadline) {
-  return WaitUntil([&] { return CallsOf(method).size() >= count; }, deadline);
+  return WaitUntil([&] { return CallsOf(method) >= count; }, deadline);
 }
 
 }  // namespace testing

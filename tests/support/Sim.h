@@ -51,11 +51,6 @@ class SimProcess {
   pid_t pid_ = -1;
 };
 
-struct SimCall {
-  std::string method;
-  common::GVariantPtr args;  // the arguments tuple
-};
-
 // Synchronous client of the sim's control surface, over a connection of its
 // own. A failing control call is a test failure. A GVariant* `body` is
 // borrowed, or consumed when floating; null stands for an empty body.
@@ -77,16 +72,15 @@ class SimControl {
   void ClearReply(const std::string& method) { Send("ClearReply", "(s)", method.c_str()); }
   void SetDelay(const std::string& method, unsigned ms) { Send("SetDelay", "(su)", method.c_str(), ms); }
   void SetNoReply(const std::string& method, bool never = true) { Send("SetNoReply", "(sb)", method.c_str(), never); }
-  std::vector<SimCall> GetCalls();
   void ReleaseName() { Invoke("ReleaseName", nullptr); }
-  std::string AcquireName();  // the new owner
-  std::string Restart();      // the new owner
+  void AcquireName() { Invoke("AcquireName", nullptr); }
+  void Restart() { Invoke("Restart", nullptr); }  // the name passes to a new owner
   void SetProfiles(const SimEntries& profiles);
   void SetInstances(const SimEntries& instances);
   void SetInterval(unsigned ms) { Send("SetInterval", "(u)", ms); }
 
-  std::vector<SimCall> CallsOf(const std::string& method);
-  std::vector<std::string> CallTexts();  // "connect(7,)", "init()": every call, in order
+  std::vector<std::string> CallTexts();            // "connect(7,)", "init()": every call, in order
+  std::size_t CallsOf(const std::string& method);  // how many calls of `method` it received
   // Waits until the sim has received `method` at least `count` times.
   bool WaitForCall(const std::string& method, std::size_t count = 1,
                    std::chrono::milliseconds deadline = std::chrono::seconds(20));

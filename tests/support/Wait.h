@@ -38,10 +38,6 @@ class Recorder {
     std::lock_guard<std::mutex> lock(mutex_);
     items_.push_back(std::move(value));
   }
-  void Clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    items_.clear();
-  }
   std::vector<T> Items() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return items_;

@@ -8,6 +8,7 @@
 #include <zorvel/dbus/client/ClientInternals.h>
 #include <zorvel/dbus/client/OrderedDeliveries.h>
 #include <zorvel/dbus/client/ServiceContract.h>
+#include <zorvel/dbus/client/TestHooks.h>
 #include <zorvel/platform/Log.h>
 
 namespace zv_client {
@@ -287,6 +288,7 @@ void DBusClient::OnBusNameAvailable(GDBusConnection* /*connection*/, const char*
   }
   if (previous == nameOwner) {
     ZV_LOGI("Connected to old name owner, which terminates");
+    testing::Hook(testing::Point::kRememberedOwnerIgnored);
     return;
   }
   ZV_LOGI("Upadte name owner, set new ID [%s], old one was [%s]", nameOwner, previous.c_str());
