@@ -77,12 +77,14 @@ class CopyablePtr {
   explicit CopyablePtr(std::unique_ptr<T, Deleter> owned) noexcept : owned_(std::move(owned)) {}
   /// Owns a copy of what `other` holds (nothing when it is empty).
   CopyablePtr(const CopyablePtr& other) : owned_(Copy(other.owned_.get())) {}
+  /// Takes over what `other` held; `other` is left empty.
   CopyablePtr(CopyablePtr&&) noexcept = default;
   /// Releases what this held and owns a copy of what `other` holds.
   CopyablePtr& operator=(const CopyablePtr& other) {
     if (this != &other) owned_.reset(Copy(other.owned_.get()));
     return *this;
   }
+  /// Releases what this held and takes over what `other` held.
   CopyablePtr& operator=(CopyablePtr&&) noexcept = default;
 
   /// The held object, still owned by this holder; null when empty.
