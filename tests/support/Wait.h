@@ -23,11 +23,14 @@ inline bool WaitUntil(const std::function<bool()>& predicate,
 }
 
 // False when `work` did not finish within WaitUntil's deadline (a deadlock, or a wait for the daemon).
+// Then the work is left running: its future is kept, never waited for, so that the caller's failure
+// message comes out now rather than the program hanging here until the test's timeout.
 inline bool FinishesInBoundedTime(std::function<void()> work) {
   auto done = std::async(std::launch::async, std::move(work));
   const bool finished = WaitUntil([&] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
-  if (finished) done.get();
-  return finished;
+  if (!finished) return new std::future<void>(std::move(done)), false;  // leaked on purpose
+  done.get();
+  return true;
 }
 
 // What callbacks on any thread reported, in order.
