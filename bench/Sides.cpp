@@ -11,6 +11,7 @@
 
 namespace zv_bench {
 
+using zv_client::common::GCharPtr;
 using zv_client::common::GErrorPtr;
 using zv_client::common::GVariantPtr;
 namespace contract = zv_client::dbus::client;
@@ -85,20 +86,19 @@ Floor::~Floor() {
 
 void Floor::Call(const std::string& method, int argument) {
   GError* raw = nullptr;
-  GVariant* reply = g_dbus_proxy_call_sync(proxy_.get(), method.c_str(), g_variant_new("(i)", argument),
-                                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &raw);
+  const GVariantPtr reply(g_dbus_proxy_call_sync(proxy_.get(), method.c_str(), g_variant_new("(i)", argument),
+                                                 G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &raw));
   const GErrorPtr error(raw);
-  if (reply == nullptr) Fatal("floor " + method + ": " + (error ? error->message : "?"));
-  g_variant_unref(reply);
+  if (!reply) Fatal("floor " + method + ": " + (error ? error->message : "?"));
 }
 
 GVariantPtr Floor::CallReadProfiles() {
   GError* raw = nullptr;
-  GVariant* reply = g_dbus_proxy_call_sync(proxy_.get(), contract::kMethodReadProfiles.c_str(), nullptr,
-                                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &raw);
+  GVariantPtr reply(g_dbus_proxy_call_sync(proxy_.get(), contract::kMethodReadProfiles.c_str(), nullptr,
+                                           G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &raw));
   const GErrorPtr error(raw);
-  if (reply == nullptr) Fatal(std::string("floor readProfiles: ") + (error ? error->message : "?"));
-  return GVariantPtr(reply);
+  if (!reply) Fatal(std::string("floor readProfiles: ") + (error ? error->message : "?"));
+  return reply;
 }
 
 std::size_t Floor::ReadProfiles() {
@@ -146,21 +146,18 @@ std::string Floor::Text(GVariant* list, std::size_t index) {
   const gchar* encoded = nullptr;
   g_variant_get(element.get(), "(&s)", &encoded);
   gsize length = 0;
-  guchar* decoded = g_base64_decode(encoded, &length);
-  std::string text(reinterpret_cast<const char*>(decoded), length);
-  g_free(decoded);
-  return text;
+  const GCharPtr decoded(reinterpret_cast<gchar*>(g_base64_decode(encoded, &length)));
+  return std::string(decoded.get(), length);
 }
 
 void Floor::OnAnswer(GObject* proxy, GAsyncResult* result, gpointer data) {
   auto& self = *static_cast<Floor*>(data);
   GError* raw = nullptr;
-  GVariant* reply = g_dbus_proxy_call_finish(G_DBUS_PROXY(proxy), result, &raw);
+  const GVariantPtr reply(g_dbus_proxy_call_finish(G_DBUS_PROXY(proxy), result, &raw));
   const GErrorPtr error(raw);
   // A failed call is cheaper than an answered one: counted as answered, it
   // would lower the floor the library is compared with.
-  if (reply == nullptr) Fatal("floor burst: a call failed: " + std::string(error ? error->message : "?"));
-  g_variant_unref(reply);
+  if (!reply) Fatal("floor burst: a call failed: " + std::string(error ? error->message : "?"));
   self.SendNextOfBurst();
   ++*self.burstAnswered_;  // last: once every answer is counted, the burst's caller may start another
 }
@@ -169,18 +166,16 @@ void Floor::OnSignal(GDBusConnection*, const gchar*, const gchar*, const gchar*,
                      GVariant* parameters, gpointer data) {
   auto& self = *static_cast<Floor*>(data);
   if (contract::kSignalOnFound == member && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(ayq)"))) {
-    GVariant* bytes = nullptr;
+    GVariant* rawBytes = nullptr;
     guint16 number = 0;
-    g_variant_get(parameters, "(@ayq)", &bytes, &number);
+    g_variant_get(parameters, "(@ayq)", &rawBytes, &number);
+    const GVariantPtr bytes(rawBytes);
     gsize length = 0;
-    const auto* data64 = static_cast<const char*>(g_variant_get_fixed_array(bytes, &length, 1));
+    const auto* data64 = static_cast<const char*>(g_variant_get_fixed_array(bytes.get(), &length, 1));
     const std::string encoded(data64 != nullptr ? data64 : "", length);
     gsize decodedLength = 0;
-    guchar* decoded = g_base64_decode(encoded.c_str(), &decodedLength);
-    const std::string name(reinterpret_cast<const char*>(decoded), decodedLength);
-    g_free(decoded);
-    g_variant_unref(bytes);
-    self.onFound_(number, name);
+    const GCharPtr decoded(reinterpret_cast<gchar*>(g_base64_decode(encoded.c_str(), &decodedLength)));
+    self.onFound_(number, std::string(decoded.get(), decodedLength));
   } else if (contract::kSignalOnConnectionAvailable == member &&
              g_variant_is_of_type(parameters, G_VARIANT_TYPE("(qq)"))) {
     guint16 id = 0;
