@@ -7,7 +7,6 @@
 
 #include <zorvel/platform/SystemLog.h>
 
-#include "support/Wait.h"
 
 namespace zv_client {
 namespace testing {
@@ -31,15 +30,6 @@ LogCapture::LogCapture() : state_(std::make_shared<State>()) {
 }
 
 LogCapture::~LogCapture() { platform::SetLogSink({}); }
-
-bool LogCapture::WaitFor(const std::string& substring) const {
-  return WaitUntil([&] {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    for (const std::string& line : state_->lines)
-      if (line.find(substring) != std::string::npos) return true;
-    return false;
-  });
-}
 
 void LogCapture::SetKeepLines(bool keep) {
   std::lock_guard<std::mutex> lock(state_->mutex);

@@ -9,8 +9,9 @@ namespace testing {
 // Collects every library log line while it lives (from any thread) and puts
 // the system log back when it goes; echoes them to stderr when
 // ZORVEL_TEST_LOG is set. Lines are "[<tag>] <file>: <function>(<line>) > <message>".
-// The tests wait on lines to know that the library got somewhere; what they
-// check is behaviour, and the wording only in the log contract's own test.
+// The lines are for failure messages: tests wait on behaviour (outcomes, the
+// link state, call records, test points), and read wording only in the log
+// contract's own test.
 class LogCapture {
  public:
   LogCapture();
@@ -18,9 +19,8 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  bool WaitFor(const std::string& substring) const;  // waits until a line contains `substring`
-  void SetKeepLines(bool keep);                      // off: lines are taken but dropped, for long runs
-  std::string Dump() const;                          // every line, for failure messages
+  void SetKeepLines(bool keep);  // off: lines are taken but dropped, for long runs
+  std::string Dump() const;      // every line, for failure messages
 
  private:
   struct State;
