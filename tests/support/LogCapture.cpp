@@ -7,7 +7,6 @@
 
 #include <zorvel/platform/SystemLog.h>
 
-
 namespace zv_client {
 namespace testing {
 
