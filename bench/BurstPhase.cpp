@@ -162,8 +162,7 @@ void BurstPhase(Bench& bench) {
   report.Line(
       "    ran %.0f, dropped as repeats %.0f (mean per burst of %d); peak threads %ld (base %ld); "
       "peak RSS growth %ld kB; peak virtual memory growth %ld kB",
-      ranTotal / runs, droppedTotal / runs, options.burstSize, peakThreads, baseThreads, peakRssGrowth,
-      peakVmGrowth);
+      ranTotal / runs, droppedTotal / runs, options.burstSize, peakThreads, baseThreads, peakRssGrowth, peakVmGrowth);
   const Stats accept = Summarise(burstAccept);
   report.Line("    caller blocked per command during the burst: median %.1f us, p99 %.1f us", accept.median,
               accept.p99);

@@ -82,8 +82,12 @@ class Outcomes {
     changed_.notify_all();
   }
 
-  bool WaitHeld(int count) { return Wait([&] { return held_ >= count; }); }
-  bool WaitEnded(int count) { return Wait([&] { return ended_ >= count; }); }
+  bool WaitHeld(int count) {
+    return Wait([&] { return held_ >= count; });
+  }
+  bool WaitEnded(int count) {
+    return Wait([&] { return ended_ >= count; });
+  }
   int Ended() { return Get(ended_); }
   int Answered() { return Get(answered_); }
   Ns LastEndAt() { return Get(lastEndAt_); }
@@ -166,8 +170,9 @@ void Idle(Scene& scene, const ChildPipe& out) {
   if (stackKb >= 0) {
     out.Send("command_thread_stack_kb", static_cast<double>(stackKb));
   } else {
-    std::fprintf(stderr, "zorvel-bench: no command ended off the main-loop thread; command_thread_stack_kb not "
-                         "measured\n");
+    std::fprintf(stderr,
+                 "zorvel-bench: no command ended off the main-loop thread; command_thread_stack_kb not "
+                 "measured\n");
   }
   SleepMs(50);  // the last command's thread ends
   scene.heartbeat.Open();

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <exception>
 
-#include <zorvel/dbus/client/ServiceContract.h>
 #include <zorvel/LauncherTesting.h>
+#include <zorvel/dbus/client/ServiceContract.h>
 
 #include "Report.h"
 #include "harness/Processes.h"

@@ -12,10 +12,10 @@
 
 #include <gio/gio.h>
 
+#include <zorvel/Launcher.h>
 #include <zorvel/common/GLibPtr.h>
 #include <zorvel/common/GLibUtils.h>
 #include <zorvel/dbus/client/DBusClientAsync.h>
-#include <zorvel/Launcher.h>
 
 #include "Probe.h"
 #include "Timing.h"

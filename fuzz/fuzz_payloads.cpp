@@ -14,13 +14,13 @@
 
 #include <unistd.h>
 
+#include <zorvel/Launcher.h>
+#include <zorvel/LauncherTesting.h>
 #include <zorvel/common/GLibPtr.h>
 #include <zorvel/common/GLibUtils.h>
 #include <zorvel/dbus/client/DBusClient.h>
 #include <zorvel/dbus/client/ServiceContract.h>
 #include <zorvel/platform/SystemLog.h>
-#include <zorvel/Launcher.h>
-#include <zorvel/LauncherTesting.h>
 
 #include "FuzzInput.h"
 

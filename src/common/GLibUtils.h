@@ -103,7 +103,7 @@ ZORVEL_API GVariant* SerializeIntoGVariant(const std::string& data, int number);
 /// \brief Data payload "(ay)".
 /// \param data any bytes (sent as base64).
 /// \return a new floating reference, owned by the caller.
-ZORVEL_API GVariant* SerializeIntoGVariant(const std::string& data);              // new floating
+ZORVEL_API GVariant* SerializeIntoGVariant(const std::string& data);  // new floating
 /// \brief Reads a data-and-number payload "(ayq)".
 /// \param value borrowed; may be null.
 /// \param[out] data receives the bytes.

@@ -61,14 +61,13 @@ constexpr std::size_t BasenameOffset(const char* path) {
 // Below the level, not even the arguments are evaluated. `function` and
 // `line` name the operation in the prefix: __func__ and __LINE__, unless a
 // helper logs for another.
-#define ZV_LOG_SITE_(function, line, buffer, priority, fmt, ...)                                                       \
-  do {                                                                                                                 \
-    if (::zv_client::platform::detail::LogWanted(::zv_client::platform::LogPriority::priority)) {                      \
-      ::zv_client::platform::detail::LogWrite(::zv_client::platform::LogBuffer::buffer,                                \
-                                              ::zv_client::platform::LogPriority::priority, kLogTag, ZV_LOG_FILE_, \
-                                              line, function, "%s: %s(%d) > " fmt, ZV_LOG_FILE_, function, line,     \
-                                              ##__VA_ARGS__);                                                          \
-    }                                                                                                                  \
+#define ZV_LOG_SITE_(function, line, buffer, priority, fmt, ...)                                           \
+  do {                                                                                                     \
+    if (::zv_client::platform::detail::LogWanted(::zv_client::platform::LogPriority::priority)) {          \
+      ::zv_client::platform::detail::LogWrite(                                                             \
+          ::zv_client::platform::LogBuffer::buffer, ::zv_client::platform::LogPriority::priority, kLogTag, \
+          ZV_LOG_FILE_, line, function, "%s: %s(%d) > " fmt, ZV_LOG_FILE_, function, line, ##__VA_ARGS__); \
+    }                                                                                                      \
   } while (false)
 #define ZV_LOG_AT_(function, buffer, priority, fmt, ...) \
   ZV_LOG_SITE_(function, __LINE__, buffer, priority, fmt, ##__VA_ARGS__)

@@ -5,6 +5,8 @@
 #include <memory>
 #include <utility>
 
+#include <zorvel/LauncherTesting.h>
+#include <zorvel/SharedClient.h>
 #include <zorvel/common/GLibPtr.h>
 #include <zorvel/common/ThreadAnnotations.h>
 #include <zorvel/dbus/client/ClientInternals.h>
@@ -12,8 +14,6 @@
 #include <zorvel/dbus/client/OrderedDeliveries.h>
 #include <zorvel/dbus/client/ServiceContract.h>
 #include <zorvel/platform/Log.h>
-#include <zorvel/LauncherTesting.h>
-#include <zorvel/SharedClient.h>
 
 namespace zv_client {
 namespace zorvel {

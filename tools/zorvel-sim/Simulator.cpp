@@ -217,9 +217,7 @@ Simulator::Simulator(Options options, GMainLoop* loop)
       quiet_(options.quiet),
       loop_(loop) {}
 
-Simulator::~Simulator() {
-  Shutdown();
-}
+Simulator::~Simulator() { Shutdown(); }
 
 bool Simulator::Start(GError** error) {
   if (address_.empty()) {
@@ -277,8 +275,8 @@ bool Simulator::AcquireName(GError** error) {
   if (!connection) return false;
   static const GDBusInterfaceVTable vtable = {&Simulator::DaemonCallThunk, nullptr, nullptr, {}};
   const guint objectId = g_dbus_connection_register_object(
-      connection.get(), kObjectPath.c_str(), g_dbus_node_info_lookup_interface(daemonNode_.get(), kInterfaceName.c_str()),
-      &vtable, this, nullptr, error);
+      connection.get(), kObjectPath.c_str(),
+      g_dbus_node_info_lookup_interface(daemonNode_.get(), kInterfaceName.c_str()), &vtable, this, nullptr, error);
   if (objectId == 0 || !RequestName(connection.get(), kBusName.c_str(), error)) {
     if (objectId != 0) g_dbus_connection_unregister_object(connection.get(), objectId);
     g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);

@@ -11,8 +11,8 @@
 
 #include <glib-unix.h>
 
-#include <zorvel/platform/SystemLog.h>
 #include <zorvel/Version.h>
+#include <zorvel/platform/SystemLog.h>
 
 #include "Simulator.h"
 

@@ -35,8 +35,8 @@
 
 #include <gio/gio.h>
 
-#include <zorvel/common/GLibPtr.h>
 #include <zorvel/Launcher.h>
+#include <zorvel/common/GLibPtr.h>
 
 #include "Options.h"
 #include "Output.h"
@@ -50,15 +50,15 @@ using zv_client::zorvel::Launcher;
 
 // What the bus watch and the Launcher's callbacks reported so far.
 struct Reports {
-  std::string owner;                                // of the daemon's name, "" while it has none
-  bool ownerKnown = false;                          // the name watch has reported at least once
-  std::set<std::pair<int, std::string>> instances;  // distinct (id, name) found
-  std::vector<std::pair<int, bool>> connections;    // (id, available)
-  std::vector<int> cancellations;                   // statuses
-  std::size_t events = 0;                           // callbacks of the daemon's events
-  std::set<CommandId> held;                         // commands the library reported held
+  std::string owner;                                  // of the daemon's name, "" while it has none
+  bool ownerKnown = false;                            // the name watch has reported at least once
+  std::set<std::pair<int, std::string>> instances;    // distinct (id, name) found
+  std::vector<std::pair<int, bool>> connections;      // (id, available)
+  std::vector<int> cancellations;                     // statuses
+  std::size_t events = 0;                             // callbacks of the daemon's events
+  std::set<CommandId> held;                           // commands the library reported held
   std::optional<zv_client::zorvel::LinkStatus> link;  // the link state last told
-  std::map<CommandId, CommandOutcome> ended;        // final outcomes
+  std::map<CommandId, CommandOutcome> ended;          // final outcomes
 };
 
 enum class FoundLines { kOncePerInstance, kEvery, kNone };

@@ -214,8 +214,8 @@ bool DBusClient::Call(const std::string& method, GVariant* params, GVariant** re
   if (params != nullptr && g_variant_is_floating(params)) g_variant_ref_sink(params);
 
   GError* rawError = nullptr;
-  common::GVariantPtr reply(g_dbus_proxy_call_sync(proxy.get(), method.c_str(), params, G_DBUS_CALL_FLAGS_NONE,
-                                                   timeout, cancellable_.get(), &rawError));
+  common::GVariantPtr reply(g_dbus_proxy_call_sync(proxy.get(), method.c_str(), params, G_DBUS_CALL_FLAGS_NONE, timeout,
+                                                   cancellable_.get(), &rawError));
   error.reset(rawError);
   if (!reply) {
     if (result != nullptr) *result = nullptr;

@@ -14,9 +14,9 @@
 
 #include <gio/gio.h>
 
-#include <zorvel/platform/Export.h>
 #include <zorvel/common/GLibPtr.h>
 #include <zorvel/common/ThreadAnnotations.h>
+#include <zorvel/platform/Export.h>
 
 namespace zv_client {
 /// \brief The D-Bus layer of the library.

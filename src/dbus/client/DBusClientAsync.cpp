@@ -115,30 +115,24 @@ bool DBusClientAsync::ProfileReadingCommand::operator()(const CommandData::Param
   // throws here and delivers nothing.
   self.profiles_ = common::VariantToProfiles(self.lastReply_.get());
   ZV_LOGI_THD("Read profiles size[%zu]", self.profiles_.size());
-  if (self.profiles_.empty()) return true;
   // Queued, not dispatched: the handlers run once the command has ended and
   // no lock of the layer is held. The payloads are made there too, so that
   // nothing of theirs holds up the command's end (the list), told before them.
-  // One action delivers them all, in order, each as a batch runs an action of
-  // its own (one that throws is reported, and the next goes on): one copy of
-  // the list for all of them (the end takes the decoded one), rather than a
-  // callable and a copy of its profile each, made while the end waits.
-  self.foundDeliveries_.push_back([&self, profiles = self.profiles_] {
-    for (const common::SessionProfile& profile : profiles) {
+  // One delivery per profile (the batch reports one that throws and goes on),
+  // all reading one copy of the list: the end takes the decoded one.
+  const auto list = std::make_shared<const std::vector<common::SessionProfile>>(self.profiles_);
+  for (std::size_t i = 0; i < list->size(); ++i) {
+    self.foundDeliveries_.push_back([&self, list, i] {
       if (self.closing_) return;
-      try {
-        const common::GVariantPtr payload =
-            common::SinkVariant(common::SerializeIntoGVariant(profile.name, profile.id));
-        if (!payload) {
-          ZV_LOGE("Failed to allocate tuple");
-          continue;
-        }
-        self.HandleSignal(kSignalOnFound, payload.get());
-      } catch (...) {
-        ZV_LOGI_THD("Exception was raised from connectionManager. Please check sequence");
+      const common::SessionProfile& profile = (*list)[i];
+      const common::GVariantPtr payload = common::SinkVariant(common::SerializeIntoGVariant(profile.name, profile.id));
+      if (!payload) {
+        ZV_LOGE("Failed to allocate tuple");
+        return;
       }
-    }
-  });
+      self.HandleSignal(kSignalOnFound, payload.get());
+    });
+  }
   return true;
 }
 
@@ -328,9 +322,8 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld, std:
     Finish(command, std::move(end));
     throw;
   }
-  if (command.parameters.result == nullptr && lastReply_) {
-    end.reply = common::SharedVariantPtr(common::GVariantPtr(g_variant_ref(lastReply_.get())));
-  }
+  // The reply goes to the end: the layer keeps nothing of a command once it ended.
+  if (command.parameters.result == nullptr) end.reply = common::SharedVariantPtr(std::move(lastReply_));
   if (!ran && lastError_) end.error = common::CopyableErrorPtr(std::move(lastError_));
   // The list goes to the end as it is: the deliveries have their own copy.
   if (ran && command.parameters.method == kMethodReadProfiles) end.profiles = std::move(profiles_);
@@ -384,7 +377,8 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
     self.ReportLink(LinkState::kConnecting, "the daemon's name has an owner: connecting", {}, {}, true);
     self.ReportLink(LinkState::kReady, "the daemon is ready");
   } else {
-    self.ReportLink(LinkState::kWaitingForDaemon, "the daemon's name " + kBusName + " vanished: waiting for a new owner");
+    self.ReportLink(LinkState::kWaitingForDaemon,
+                    "the daemon's name " + kBusName + " vanished: waiting for a new owner");
   }
 
   if (!isReady) {
@@ -732,12 +726,14 @@ void DBusClientAsync::ReportConnectFailure() {
   switch (failure.kind) {
     case ConnectFailure::kBusUnreachable:
       ReportLink(LinkState::kBusUnreachable,
-                 "the system bus at " + (failure.busAddress.empty() ? std::string("(no address)") : failure.busAddress) +
+                 "the system bus at " +
+                     (failure.busAddress.empty() ? std::string("(no address)") : failure.busAddress) +
                      " cannot be reached: " + failure.error,
                  failure.busAddress, failure.error);
       return;
     case ConnectFailure::kNoOwner:
-      ReportLink(LinkState::kWaitingForDaemon, "waiting for the daemon: " + kBusName + " has no owner on the system bus");
+      ReportLink(LinkState::kWaitingForDaemon,
+                 "waiting for the daemon: " + kBusName + " has no owner on the system bus");
       return;
     case ConnectFailure::kOwnerGoingAway:
       ReportLink(LinkState::kWaitingForDaemon,

@@ -17,12 +17,12 @@
 #include <string>
 #include <vector>
 
-#include <zorvel/platform/Export.h>
 #include <zorvel/common/GLibPtr.h>
 #include <zorvel/common/GLibUtils.h>
 #include <zorvel/common/ThreadAnnotations.h>
 #include <zorvel/dbus/client/DBusClient.h>
 #include <zorvel/dbus/client/LinkState.h>
+#include <zorvel/platform/Export.h>
 
 namespace zv_client {
 namespace dbus {
@@ -114,7 +114,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     /// An end of kind `ended`; `held` when the command waited in the pool first.
     explicit CommandEnd(Kind ended = Kind::kRan, bool held = false) : kind(ended), wasHeld(held) {}
     Kind kind = Kind::kRan;  ///< how it ended
-    bool wasHeld = false;  ///< it waited in the pool first
+    bool wasHeld = false;    ///< it waited in the pool first
     /// kRan: the daemon's reply; null when the call failed, with `error` the
     /// GDBus error (null when the link was not ready and nothing was sent).
     /// An observer that keeps a copy of the end keeps a reference of its own.
@@ -139,7 +139,7 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     };
     Parameters parameters;                            ///< the call
     std::function<bool(const Parameters&)> function;  ///< makes the call; true when it succeeded
-    CommandObserver observer;  ///< may be empty
+    CommandObserver observer;                         ///< may be empty
   };
 
   /// Where accepted commands ended; for tests and diagnostics (never waits for
@@ -150,11 +150,11 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
     std::uint64_t ranAtOnce = 0;         ///< ran without being held
     std::uint64_t replayed = 0;          ///< ran after being held
     std::uint64_t droppedDuplicate = 0;  ///< dropped as a repeat
-    std::uint64_t discarded = 0;  ///< by Disconnect or teardown
-    std::uint64_t failed = 0;     ///< an exception before the command could run
-    std::uint64_t pooled = 0;     ///< ever entered the pool (each later replayed or discarded)
-    std::uint64_t held = 0;       ///< in the pool now
-    std::uint64_t inFlight = 0;   ///< accepted, command thread not yet finished (or a replay running)
+    std::uint64_t discarded = 0;         ///< by Disconnect or teardown
+    std::uint64_t failed = 0;            ///< an exception before the command could run
+    std::uint64_t pooled = 0;            ///< ever entered the pool (each later replayed or discarded)
+    std::uint64_t held = 0;              ///< in the pool now
+    std::uint64_t inFlight = 0;          ///< accepted, command thread not yet finished (or a replay running)
   };
 
   /// A client without a link; Connect() starts making one.

@@ -16,20 +16,20 @@ namespace client {
 /// \brief Where the link to the daemon stands, as the application sees it:
 /// why a command is held, if it is.
 enum class LinkState {
-  kConnecting,          ///< a connection to the daemon is being made
-  kWaitingForDaemon,    ///< the bus is there, the daemon's name has no owner (or one that is going away)
-  kBusUnreachable,      ///< the system bus cannot be reached: `busAddress`, `error`
-  kReady,               ///< the daemon is ready: commands are sent
-  kHeldUntilNewOwner,   ///< after StopBroadcast or the daemon's closing event, until its name changes owner
+  kConnecting,         ///< a connection to the daemon is being made
+  kWaitingForDaemon,   ///< the bus is there, the daemon's name has no owner (or one that is going away)
+  kBusUnreachable,     ///< the system bus cannot be reached: `busAddress`, `error`
+  kReady,              ///< the daemon is ready: commands are sent
+  kHeldUntilNewOwner,  ///< after StopBroadcast or the daemon's closing event, until its name changes owner
 };
 
 /// \brief One change of the link's state, with what a person needs to know
 /// about it. Received by reference: valid during the callback only.
 struct LinkStatus {
   LinkState state = LinkState::kConnecting;  ///< the new state
-  std::string text;        ///< for people: what the state means now
-  std::string busAddress;  ///< kBusUnreachable: the address tried ("" when none is known)
-  std::string error;       ///< kBusUnreachable: GLib's error message
+  std::string text;                          ///< for people: what the state means now
+  std::string busAddress;                    ///< kBusUnreachable: the address tried ("" when none is known)
+  std::string error;                         ///< kBusUnreachable: GLib's error message
 };
 
 /// \brief The state's name, as zorvelctl prints it: "connecting",

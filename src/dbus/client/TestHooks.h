@@ -20,7 +20,7 @@ enum class Point {
   kTeardownBegins,        // a client's destructor begins (the destroying thread)
   kAttemptStarts,         // a connect attempt begins (its library thread, link lock held)
   kThreadStarts,          // a library thread is about to be started; a hook that throws makes the start fail
-  kReplayHandedOver,      // the readiness handler handed the replay to a library thread (main-loop thread, pool lock held)
+  kReplayHandedOver,  // the readiness handler handed the replay to a library thread (main-loop thread, pool lock held)
   kRememberedOwnerIgnored,  // the watcher saw the name owned by the owner the client remembers (main-loop thread)
 };
 

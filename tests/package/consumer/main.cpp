@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include <zorvel/common/GLibUtils.h>
-#include <zorvel/platform/SystemLog.h>
 #include <zorvel/Launcher.h>
 #include <zorvel/Version.h>
+#include <zorvel/common/GLibUtils.h>
+#include <zorvel/platform/SystemLog.h>
 
 namespace common = zv_client::common;
 namespace platform = zv_client::platform;
@@ -36,7 +36,8 @@ int main() {
   { zv_client::zorvel::Launcher launcher; }
 
   if (std::strcmp(zv_client::zorvel::Version(), ZORVEL_VERSION_STRING) != 0) {
-    std::fprintf(stderr, "header version %s, library version %s\n", ZORVEL_VERSION_STRING, zv_client::zorvel::Version());
+    std::fprintf(stderr, "header version %s, library version %s\n", ZORVEL_VERSION_STRING,
+                 zv_client::zorvel::Version());
     return 1;
   }
 
