@@ -17,7 +17,8 @@ namespace detail {
 // the order in which they were accepted, not in the order in which their
 // threads happen to get the layer's lock (the caller takes them under it).
 //
-// Lock: mutex_, a leaf (also held while an item's thread is started).
+// Lock: mutex_, also held while an item's thread is started (which counts it
+// in the command gate, whose lock is a leaf).
 // Invariant: one thread runs per item put in, so Take() never finds it empty.
 template <typename Item>
 class CommandIntake {

@@ -164,21 +164,9 @@ bool DBusClientAsync::Submit(const std::string& method, GVariant* params, int ti
 }
 
 void DBusClientAsync::StartIntakeThread(IntakeItem item) {
-  std::shared_ptr<detail::CommandGate> gate = gate_;
-  gate->Enter();
-  try {
-    intake_->Put(std::move(item), [this, &gate] {
-      detail::StartLibraryThread([this, gate] {
-        ExecuteCommand(nullptr);
-        // The last touch of this object's memory is through `gate`, which the
-        // thread co-owns: the destructor may run as soon as the count drops.
-        gate->Leave();
-      });
-    });
-  } catch (...) {
-    gate->Leave();
-    throw;
-  }
+  // The destructor waits for gate_ to be idle before this object goes.
+  intake_->Put(std::move(item),
+               [this] { detail::StartGatedLibraryThread(gate_, [this] { ExecuteCommand(nullptr); }); });
 }
 
 int DBusClientAsync::ExecuteCommand(const CommandData& command) { return ExecuteCommand(&command); }
@@ -317,6 +305,7 @@ bool DBusClientAsync::RunFunction(const CommandData& command, bool wasHeld, std:
     ran = command.function(command.parameters);
   } catch (const std::exception& exception) {
     foundDeliveries_.clear();
+    lastReply_.reset();  // a reply that did not decode
     end.failure = exception.what();
     poolMutex_.LockThrough(poolLock);
     Finish(command, std::move(end));
@@ -508,16 +497,10 @@ void DBusClientAsync::RequestAttempt(bool fromTimer) {
   }
   // Opening the bus connection and creating the proxy wait for the bus (and
   // the proxy for the daemon): never on the main loop.
-  std::shared_ptr<detail::CommandGate> gate = linkGate_;
-  gate->Enter();
   try {
-    detail::StartLibraryThread([this, gate, fromTimer] {
-      RunAttempts(fromTimer);
-      gate->Leave();
-    });
+    detail::StartGatedLibraryThread(linkGate_, [this, fromTimer] { RunAttempts(fromTimer); });
   } catch (const std::exception& exception) {
     ZV_LOGE("No thread for a connect attempt (%s); the timer asks again", exception.what());
-    gate->Leave();
     common::MutexLock lock(attemptMutex_);
     attemptRunning_ = false;
   }
@@ -661,17 +644,18 @@ void DBusClientAsync::RestoreConnection() {
     reconnectPassed_ = false;
     std::promise<bool> done;
     std::future<bool> finished = done.get_future();
-    std::shared_ptr<detail::CommandGate> gate = linkGate_;
-    gate->Enter();
     try {
-      detail::StartLibraryThread([this, gate, done = std::make_shared<std::promise<bool>>(std::move(done))] {
+      detail::StartGatedLibraryThread(linkGate_, [this, done = std::make_shared<std::promise<bool>>(std::move(done))] {
         Reconnect();
         done->set_value(true);
-        gate->Leave();
       });
-    } catch (...) {
-      gate->Leave();
-      throw;
+    } catch (const std::exception& exception) {
+      // Called from GLib's name-vanished callback too, where an exception
+      // must not pass. The retry timer and the name watch go on trying:
+      // their attempts start threads of their own, and survive a failed one.
+      ZV_LOGE("No thread to restore the link (%s): the retry timer will", exception.what());
+      ArmRestoration();
+      return;
     }
     reconnectFuture_ = std::move(finished);
   }

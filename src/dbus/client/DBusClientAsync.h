@@ -217,8 +217,8 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   ///         kFailedToRun).
   int ExecuteCommand(const CommandData& command) ZV_EXCLUDES(runMutex_, poolMutex_);
   /// \brief Starts restoring the link on a library thread (Reconnect),
-  /// unless a restoration is under way; returns at once.
-  /// \warning Throws what starting the thread throws (std::system_error).
+  /// unless a restoration is under way; returns at once. When no thread can
+  /// be started, arms the retry timer and the name watch instead.
   void RestoreConnection() ZV_EXCLUDES(detail::RestoreMutex());
   /// \brief Removes the connect retry timer and the name watch.
   /// \param remove true: only if the timer is armed; false: in any case.

@@ -15,7 +15,7 @@ namespace testing {
 enum class Point {
   kConnectedByTimer,      // a retry attempt connected; the timer is not reset yet (main-loop thread, link lock held)
   kConnectedByNameWatch,  // as above, for the attempt made when the daemon's name got an owner
-  kReconnectAwaitsLink,   // a restoration task holds the pool lock and is about to take the link lock
+  kReconnectAwaitsLink,   // a restoration task holds the run lock and is about to take the link lock
   kDisconnectAwaitsPool,  // Disconnect found the layer ready and is about to take the pool lock
   kTeardownBegins,        // a client's destructor begins (the destroying thread)
   kAttemptStarts,         // a connect attempt begins (its library thread, link lock held)
