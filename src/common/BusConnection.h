@@ -26,5 +26,16 @@ inline GObjectPtr<GDBusConnection> OpenPrivateBusConnection(const std::string& a
   return GObjectPtr<GDBusConnection>(connection);
 }
 
+// The same to the system bus, at the address GLib would use for its shared
+// connection (DBUS_SYSTEM_BUS_ADDRESS, else the default), which is written to
+// `address` when it could be found.
+inline GObjectPtr<GDBusConnection> OpenPrivateSystemBusConnection(std::string& address, GError** error,
+                                                                  GCancellable* cancellable = nullptr) {
+  const GCharPtr found(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, cancellable, error));
+  if (!found) return GObjectPtr<GDBusConnection>();
+  address = found.get();
+  return OpenPrivateBusConnection(address, error, cancellable);
+}
+
 }  // namespace common
 }  // namespace zv_client

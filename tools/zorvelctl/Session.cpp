@@ -18,7 +18,6 @@ namespace {
 
 using zv_client::dbus::client::kBusName;
 
-using zv_client::common::GCharPtr;
 using zv_client::common::GErrorPtr;
 using zv_client::common::GObjectPtr;
 
@@ -78,11 +77,7 @@ int Session::Run(Plan plan) {
 std::string Session::OpenBus(GObjectPtr<GDBusConnection>& bus) {
   // The address GLib itself would use: the one named in any message.
   GError* rawError = nullptr;
-  GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &rawError));
-  if (address) {
-    address_ = address.get();
-    bus = zv_client::common::OpenPrivateBusConnection(address_, &rawError);
-  }
+  bus = zv_client::common::OpenPrivateSystemBusConnection(address_, &rawError);
   GErrorPtr error(rawError);
   return error ? error->message : "unknown error";
 }

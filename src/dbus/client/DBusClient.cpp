@@ -39,9 +39,9 @@ common::GObjectPtr<T> NewRef(T* object) {
 // its shared one: ending the host when the bus goes is never ours to do.
 common::GObjectPtr<GDBusConnection> ConnectToSystemBus(common::GErrorPtr& error, GCancellable* cancellable) {
   GError* rawError = nullptr;
-  common::GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, cancellable, &rawError));
-  common::GObjectPtr<GDBusConnection> connection;
-  if (address) connection = common::OpenPrivateBusConnection(address.get(), &rawError, cancellable);
+  std::string address;
+  common::GObjectPtr<GDBusConnection> connection =
+      common::OpenPrivateSystemBusConnection(address, &rawError, cancellable);
   error.reset(rawError);
   return connection;
 }

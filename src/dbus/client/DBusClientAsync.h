@@ -70,9 +70,12 @@ common::Mutex& RestoreMutex();
 /// the bus);
 /// runMutex_ -> linkMutex_ -> DBusClient's connectionMutex_ -> timerMutex_.
 /// timerMutex_, attemptMutex_ and the locks of the small mechanisms (intake,
-/// deliveries, gates, tally) are leaves. Only runMutex_ and linkMutex_ are
-/// ever held across a call to the daemon or the bus, and the main loop takes
-/// neither. The analysis sees the order among this class's own locks
+/// deliveries, gates, tally) are leaves. runMutex_ and linkMutex_ are held
+/// across calls to the daemon or the bus, and the main loop takes neither;
+/// DBusClient's connectionMutex_ is held while a connect attempt opens the
+/// connection and the proxy. The main loop takes that one only in a
+/// Disconnect, which passes it by while the client is not connected, as it
+/// is throughout such an attempt. The analysis sees the order among this class's own locks
 /// (ZV_ACQUIRED_AFTER below), not that with DBusClient's private ones.
 ///
 /// How the hazards of this layer are closed:
