@@ -141,7 +141,7 @@ TEST_F(TheCommandLayer, ReconnectsWhenTheNameGetsAnOwner) {
     ASSERT_TRUE(WaitForReadies(round + 1)) << logs().Dump();
   }
   // The retry comes 500 ms after the attempt that failed: only a stalled machine lets it win a round.
-  EXPECT_EQ(attempts.byNameWatch() + attempts.byTimer(), 3);
+  EXPECT_EQ(attempts.byNameWatch() + attempts.byTimer(), 3) << logs().Dump();
   EXPECT_GE(attempts.byNameWatch(), 2) << logs().Dump();
 }
 
