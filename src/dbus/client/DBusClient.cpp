@@ -99,29 +99,33 @@ common::GObjectPtr<GDBusConnection> DBusClient::OpenBusConnection(common::GError
 
 bool DBusClient::Connect() {
   if (connected_) return true;
-
-  common::MutexLock lock(connectionMutex_);
-  // Two threads may both have passed the test above; the second must not
-  // create a second proxy and subscription over the first.
-  if (connected_) return true;
   {
     common::MutexLock stateLock(stateMutex_);
     busName_ = kBusName;
   }
 
+  // The bus connection and the proxy are made without connectionMutex_: both
+  // wait for the bus (the proxy for the daemon too), and a Disconnect on the
+  // main loop takes that lock.
   common::GErrorPtr error;
   common::GObjectPtr<GDBusConnection> bus = OpenBusConnection(error);
-  GDBusProxy* proxy = nullptr;
+  common::GObjectPtr<GDBusProxy> made;
   if (bus) {
     GError* rawError = nullptr;
-    proxy = g_dbus_proxy_new_sync(bus.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, kBusName.c_str(), kObjectPath.c_str(),
-                                  kInterfaceName.c_str(), cancellable_.get(), &rawError);
+    made.reset(g_dbus_proxy_new_sync(bus.get(), G_DBUS_PROXY_FLAGS_NONE, nullptr, kBusName.c_str(), kObjectPath.c_str(),
+                                     kInterfaceName.c_str(), cancellable_.get(), &rawError));
     error.reset(rawError);
   }
+
+  common::MutexLock lock(connectionMutex_);
+  // Two threads may both have got this far; the second must not put a second
+  // proxy and subscription over the first (its own proxy is dropped).
+  if (connected_) return true;
+  GDBusProxy* const proxy = made.get();
   std::string remembered;
   {
     common::MutexLock stateLock(stateMutex_);
-    proxy_.reset(proxy);
+    proxy_ = std::move(made);
     remembered = nameOwner_;
   }
   if (proxy == nullptr) {

@@ -72,10 +72,9 @@ common::Mutex& RestoreMutex();
 /// timerMutex_, attemptMutex_ and the locks of the small mechanisms (intake,
 /// deliveries, gates, tally) are leaves. runMutex_ and linkMutex_ are held
 /// across calls to the daemon or the bus, and the main loop takes neither;
-/// DBusClient's connectionMutex_ is held while a connect attempt opens the
-/// connection and the proxy. The main loop takes that one only in a
-/// Disconnect, which passes it by while the client is not connected, as it
-/// is throughout such an attempt. The analysis sees the order among this class's own locks
+/// a connect attempt opens the connection and the proxy before it takes
+/// DBusClient's connectionMutex_, which the main loop takes in a Disconnect.
+/// The analysis sees the order among this class's own locks
 /// (ZV_ACQUIRED_AFTER below), not that with DBusClient's private ones.
 ///
 /// How the hazards of this layer are closed:
