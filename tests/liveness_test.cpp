@@ -91,10 +91,21 @@ TEST_F(Liveness, ReplayRunsOffTheMainLoopInOrderBeforeLaterCommands) {
   ASSERT_TRUE(client.Submit("connect", common::IntegerToVariant(5), -1, connect.Observer()));
   ASSERT_TRUE(startBroadcast.WaitFor({End::kHeld}) && connect.WaitFor({End::kHeld}));
 
-  // The daemon takes its time over the first replayed command: the main loop goes on meanwhile.
+  // The daemon takes its time over the first replayed command: the main loop goes on meanwhile. The
+  // first two hand-offs of the replay find no thread: the commands stay held, and it is tried again.
+  std::atomic<bool> linked{false};
+  std::atomic<int> refused{0};
+  ScopedHook refuse([&](Hook point) {
+    if (point == Hook::kConnectedByNameWatch || point == Hook::kConnectedByTimer) linked = true;
+    if (point == Hook::kThreadStarts && linked && refused < 2) {
+      ++refused;
+      throw std::system_error(EAGAIN, std::generic_category(), "no thread");
+    }
+  });
   control().SetDelay("startBroadcast", 3000);
   control().AcquireName();
-  ASSERT_TRUE(control().WaitForCall("startBroadcast"));
+  ASSERT_TRUE(control().WaitForCall("startBroadcast")) << logs().Dump();
+  EXPECT_EQ(refused, 2);
   RunOnMainLoop([] {});
   EXPECT_EQ(startBroadcast.Items(), std::vector<End>{End::kHeld}) << "the main loop waited for the daemon";
   // Accepted after the readiness, it waits for the replay, and is not held behind it.

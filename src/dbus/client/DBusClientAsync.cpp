@@ -176,6 +176,7 @@ int DBusClientAsync::ExecuteCommand(const CommandData& command) { return Execute
 // the pool. Each returns how to end the command right there (a repeat, or
 // teardown under way), or nothing when it saw to the command itself. Their
 // steps are ExecuteCommand's, and so is the function name of their log lines.
+// Below them, the hand-over of the held commands' replay to a library thread.
 struct detail::CommandExecution {
   using CommandData = DBusClientAsync::CommandData;
   using CommandEnd = DBusClientAsync::CommandEnd;
@@ -233,6 +234,40 @@ struct detail::CommandExecution {
     ZV_LOGI_THD_AT_("ExecuteCommand", "Ipc isn't ready, move command[%s] into pool[%zu], isConnectionLost[%d]",
                     method.c_str(), client.commandPool_.size(), client.ready_ ? 1 : 0);
     return std::nullopt;
+  }
+
+  // Hands the replay of the held commands to a library thread, in its place
+  // in the intake. False when no thread could be started: the commands stay
+  // held, and ScheduleReplayHandOver tries again. Replaying on the caller's
+  // thread instead would hold the main loop for a call to the daemon per
+  // held command.
+  static bool HandOverReplay(DBusClientAsync& client) ZV_REQUIRES(client.poolMutex_) {
+    if (!client.ready_ || client.commandPool_.empty() || client.closing_) return true;  // nothing left to hand over
+    try {
+      client.StartIntakeThread(DBusClientAsync::IntakeItem());
+      testing::Hook(testing::Point::kReplayHandedOver);
+      return true;
+    } catch (const std::exception& exception) {
+      ZV_LOG_AT_("IpcReadyHandler", kSystem, kError, "No thread for the replay (%s): trying again in %u ms",
+                 exception.what(), kConnectRetryIntervalMs);
+      return false;
+    }
+  }
+
+  // Tries the hand-off again from the main loop until it worked or nothing
+  // is held any more. The source carries a handle, not the client, so a
+  // tick after teardown only removes it.
+  static void ScheduleReplayHandOver(const DBusClientAsync& client) {
+    g_timeout_add_full(G_PRIORITY_DEFAULT, kConnectRetryIntervalMs, &RetryReplayHandOver, client.NewCallbackHandle(),
+                       &DBusClientAsync::FreeCallbackHandle);
+  }
+
+  static gboolean RetryReplayHandOver(gpointer handle) {
+    detail::CallbackScope scope(handle);
+    auto* client = static_cast<DBusClientAsync*>(scope.client());
+    if (client == nullptr) return G_SOURCE_REMOVE;
+    common::MutexLock lock(client->poolMutex_);
+    return HandOverReplay(*client) ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
   }
 };
 
@@ -382,22 +417,11 @@ void DBusClientAsync::IpcReadyHandler::operator()(bool isReady) const {
     self.RestoreConnection();
     return;
   }
-  if (self.commandPool_.empty() || self.closing_) return;
-
   // The replay makes one call to the daemon per held command: on a thread of
   // the library, never on the application's main loop. It takes its place in
   // the intake, so it runs after the commands accepted before now and before
   // any accepted later (those meanwhile find the pool not empty and join it).
-  try {
-    self.StartIntakeThread(IntakeItem());
-    testing::Hook(testing::Point::kReplayHandedOver);
-    return;
-  } catch (const std::exception& exception) {
-    ZV_LOGE("No thread for the replay (%s): replaying here", exception.what());
-  }
-  lock.unlock();
-  common::MutexLock run(self.runMutex_);
-  HeldCommandsReplay{&self}(run.native());
+  if (!detail::CommandExecution::HandOverReplay(self)) detail::CommandExecution::ScheduleReplayHandOver(self);
 }
 
 void DBusClientAsync::HeldCommandsReplay::operator()(std::unique_lock<std::mutex>& runLock) const {

@@ -241,7 +241,9 @@ class ZORVEL_API DBusClientAsync : public DBusClient {
   // order in which library threads take them.
   using IntakeItem = std::optional<CommandData>;
 
-  friend struct detail::CommandExecution;  // the two ways ExecuteCommand takes a command
+  // The two ways ExecuteCommand takes a command, and the replay's hand-over
+  // to a library thread (hidden helpers, not part of the exported class).
+  friend struct detail::CommandExecution;
 
   void SetFunctions();
   // The two command functions of the table, the IpcReady handler and the
