@@ -144,11 +144,12 @@ bool DBusClientAsync::Call(const std::string& method, GVariant* params, GVariant
 }
 
 bool DBusClientAsync::Submit(const std::string& method, GVariant* params, int timeout, CommandObserver observer) {
+  // Ours from here, floating or not, until the intake has the command.
+  common::GVariantPtr owned(params);
   // Logged as the Call it implements.
   const auto entry = functions_.find(method);
   if (entry == functions_.end()) {
     ZV_LOG_AT_("Call", kSystem, kError, "DBusClientAsync::Call cann't find method [%s]", method.c_str());
-    if (params != nullptr) g_variant_unref(params);
     return false;
   }
 
@@ -157,9 +158,9 @@ bool DBusClientAsync::Submit(const std::string& method, GVariant* params, int ti
     StartIntakeThread(CommandData{{method, params, nullptr, timeout}, entry->second, std::move(observer)});
   } catch (...) {
     tally_->Add(&Counts::accepted, -1);
-    if (params != nullptr) g_variant_unref(params);
     throw;
   }
+  (void)owned.release();  // the command's thread releases it
   return true;
 }
 
@@ -454,7 +455,7 @@ void DBusClientAsync::DiscardPool() {
   while (!commandPool_.empty()) {
     const CommandData command = std::move(commandPool_.front());
     commandPool_.pop_front();
-    if (command.parameters.params != nullptr) g_variant_unref(command.parameters.params);
+    const common::GVariantPtr params(command.parameters.params);  // the pool's reference
     Finish(command, CommandEnd{CommandEnd::Kind::kDiscarded, true});
   }
 }
