@@ -94,9 +94,9 @@ constexpr char kServiceXml[] = R"xml(
 
 struct Daemon {
   std::string address;
-  GMainLoop* loop = nullptr;
-  GDBusNodeInfo* serviceNode = nullptr;
-  GDBusNodeInfo* controlNode = nullptr;
+  zv_client::common::GMainLoopPtr loop;
+  zv_client::common::GDBusNodeInfoPtr serviceNode;
+  zv_client::common::GDBusNodeInfoPtr controlNode;
   GObjectPtr<GDBusConnection> control;
   GObjectPtr<GDBusConnection> service;
   guint serviceObject = 0;
@@ -247,7 +247,7 @@ void OnControlCall(GDBusConnection* /*connection*/, const gchar* /*sender*/, con
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(t)", static_cast<guint64>(NowNs())));
   } else if (name == "Quit") {
     g_dbus_method_invocation_return_value(invocation, nullptr);
-    g_main_loop_quit(daemon.loop);
+    g_main_loop_quit(daemon.loop.get());
   } else {
     g_dbus_method_invocation_return_dbus_error(invocation, "zorvel.bench.Error.Unknown", method);
   }
@@ -292,9 +292,9 @@ int main(int argc, char** argv) {
     daemon.address = fromEnvironment;
   }
 
-  daemon.loop = g_main_loop_new(nullptr, FALSE);
-  daemon.serviceNode = g_dbus_node_info_new_for_xml(kServiceXml, nullptr);
-  daemon.controlNode = g_dbus_node_info_new_for_xml(kControlXml, nullptr);
+  daemon.loop.reset(g_main_loop_new(nullptr, FALSE));
+  daemon.serviceNode.reset(g_dbus_node_info_new_for_xml(kServiceXml, nullptr));
+  daemon.controlNode.reset(g_dbus_node_info_new_for_xml(kControlXml, nullptr));
   SetProfiles(daemon, profiles);
 
   GError* raw = nullptr;
@@ -310,16 +310,12 @@ int main(int argc, char** argv) {
   }
   g_dbus_connection_set_exit_on_close(daemon.control.get(), FALSE);
 
-  g_unix_signal_add(SIGINT, &OnTerminate, daemon.loop);
-  g_unix_signal_add(SIGTERM, &OnTerminate, daemon.loop);
-  g_main_loop_run(daemon.loop);
+  g_unix_signal_add(SIGINT, &OnTerminate, daemon.loop.get());
+  g_unix_signal_add(SIGTERM, &OnTerminate, daemon.loop.get());
+  g_main_loop_run(daemon.loop.get());
 
   ReleaseName(daemon);
   g_dbus_connection_close_sync(daemon.control.get(), nullptr, nullptr);
   daemon.control.reset();
-  daemon.profilesReply.reset();
-  g_dbus_node_info_unref(daemon.serviceNode);
-  g_dbus_node_info_unref(daemon.controlNode);
-  g_main_loop_unref(daemon.loop);
   return 0;
 }

@@ -66,7 +66,8 @@ int main(int argc, char** argv) {
   if (errFd >= 0) close(errFd);
 
   DefaultLog();
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+  const zv_client::common::GMainLoopPtr owned(g_main_loop_new(nullptr, FALSE));
+  GMainLoop* const loop = owned.get();
   std::thread loopThread([loop] { g_main_loop_run(loop); });
 
   report.Header();
@@ -80,7 +81,6 @@ int main(int argc, char** argv) {
 
   g_main_loop_quit(loop);
   loopThread.join();
-  g_main_loop_unref(loop);
   bus.Stop();
 
   WriteTimeline(options.outDir + "/timeline.txt");

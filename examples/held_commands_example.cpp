@@ -145,7 +145,7 @@ int main(int argc, char** argv) {
   }
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+  g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
   Reports reports;
   int exitCode = 1;
   std::thread worker([&] {
@@ -154,6 +154,5 @@ int main(int argc, char** argv) {
   });
   g_main_loop_run(loop);
   worker.join();
-  g_main_loop_unref(loop);
   return exitCode;
 }

@@ -256,7 +256,7 @@ int main() {
   // Print each line as it is written, also into a pipe.
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);  // nullptr: the default main context
+  g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);  // nullptr: the default main context
   Reports reports;
   int exitCode = 1;
   std::thread worker([&] {
@@ -267,6 +267,5 @@ int main() {
   });
   g_main_loop_run(loop);
   worker.join();
-  g_main_loop_unref(loop);
   return exitCode;
 }

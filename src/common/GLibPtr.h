@@ -41,8 +41,24 @@ struct GErrorFree {
   /// Frees `error`.
   void operator()(GError* error) const noexcept { g_error_free(error); }
 };
+/// Deleter: releases one GMainLoop reference (g_main_loop_unref).
+struct GMainLoopUnref {
+  /// Releases `loop`'s reference.
+  void operator()(GMainLoop* loop) const noexcept { g_main_loop_unref(loop); }
+};
+/// Deleter: releases one GDBusNodeInfo reference (g_dbus_node_info_unref).
+struct GDBusNodeInfoUnref {
+  /// Releases `node`'s reference.
+  void operator()(GDBusNodeInfo* node) const noexcept { g_dbus_node_info_unref(node); }
+};
+/// Deleter: frees a null-terminated string array and its strings (g_strfreev).
+struct GStrvFree {
+  /// Frees `strings`.
+  void operator()(gchar** strings) const noexcept { g_strfreev(strings); }
+};
 
-/// Owns one full (not floating) GVariant reference; see SinkVariant.
+/// Owns one GVariant reference: normally a full one (see SinkVariant); a
+/// floating one handed over to the holder is released the same way.
 using GVariantPtr = std::unique_ptr<GVariant, GVariantUnref>;
 /// Owns one reference to a GObject of type `T` (GDBusConnection, ...).
 template <typename T>
@@ -53,6 +69,12 @@ using GSourcePtr = std::unique_ptr<GSource, GSourceUnref>;
 using GCharPtr = std::unique_ptr<gchar, GFree>;
 /// Owns a GError.
 using GErrorPtr = std::unique_ptr<GError, GErrorFree>;
+/// Owns one GMainLoop reference.
+using GMainLoopPtr = std::unique_ptr<GMainLoop, GMainLoopUnref>;
+/// Owns one reference to parsed D-Bus introspection data.
+using GDBusNodeInfoPtr = std::unique_ptr<GDBusNodeInfo, GDBusNodeInfoUnref>;
+/// Owns a null-terminated array of GLib-allocated strings (a GStrv).
+using GStrvPtr = std::unique_ptr<gchar*, GStrvFree>;
 
 /// Copier: a new GVariant reference to the same immutable value (g_variant_ref).
 struct GVariantAddRef {

@@ -129,11 +129,8 @@ class Simulator {
   bool quiet_;
   GMainLoop* loop_;
 
-  struct NodeInfoUnref {
-    void operator()(GDBusNodeInfo* node) const noexcept { g_dbus_node_info_unref(node); }
-  };
-  std::unique_ptr<GDBusNodeInfo, NodeInfoUnref> daemonNode_;
-  std::unique_ptr<GDBusNodeInfo, NodeInfoUnref> controlNode_;
+  zv_client::common::GDBusNodeInfoPtr daemonNode_;
+  zv_client::common::GDBusNodeInfoPtr controlNode_;
   GObjectPtr<GDBusConnection> control_;
   guint controlObjectId_ = 0;
   gulong closedHandlerId_ = 0;

@@ -20,6 +20,8 @@ namespace {
 
 using zv_client::common::GCharPtr;
 using zv_client::common::GErrorPtr;
+using zv_client::common::GMainLoopPtr;
+using zv_client::common::GStrvPtr;
 using zv_client::common::SessionProfile;
 
 constexpr char kDescription[] =
@@ -118,6 +120,10 @@ bool ParseEntries(gchar** texts, const char* option, std::vector<SessionProfile>
   return true;
 }
 
+struct OptionContextFree {
+  void operator()(GOptionContext* context) const noexcept { g_option_context_free(context); }
+};
+
 // Fills `options`; returns -1 to run, otherwise the exit status.
 int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
   gchar* address = nullptr;
@@ -142,7 +148,8 @@ int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
       {"help", 'h', 0, G_OPTION_ARG_NONE, &help, "Show this help", nullptr},
       {"version", 0, 0, G_OPTION_ARG_NONE, &version, "Print the version and exit", nullptr},
       {}};
-  GOptionContext* context = g_option_context_new("- simulated zorvel daemon");
+  const std::unique_ptr<GOptionContext, OptionContextFree> owned(g_option_context_new("- simulated zorvel daemon"));
+  GOptionContext* const context = owned.get();
   g_option_context_add_main_entries(context, entries, nullptr);
   g_option_context_set_description(context, kDescription);
   // Handled here rather than by GLib, which would exit() from inside the parser.
@@ -150,7 +157,11 @@ int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
 
   int status = -1;
   GError* raw = nullptr;
-  if (!g_option_context_parse(context, &argc, &argv, &raw)) {
+  const bool parsed = g_option_context_parse(context, &argc, &argv, &raw);
+  // What the parser stored is ours (a failed parse leaves the defaults).
+  const GCharPtr addressOwned(address);
+  const GStrvPtr profilesOwned(profiles), instancesOwned(instances);
+  if (!parsed) {
     GErrorPtr error(raw);
     std::fprintf(stderr, "zorvel-sim: %s\nTry 'zorvel-sim --help'.\n", error->message);
     status = 2;
@@ -176,10 +187,6 @@ int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
     options.intervalMs = static_cast<guint>(interval);
     options.quiet = quiet != FALSE;
   }
-  g_free(address);
-  g_strfreev(profiles);
-  g_strfreev(instances);
-  g_option_context_free(context);
   return status;
 }
 
@@ -199,7 +206,8 @@ int main(int argc, char** argv) {
   // The payload helpers write to the system log; this program's log is stdout.
   zv_client::platform::SetLogSink(
       [](zv_client::platform::LogBuffer, zv_client::platform::LogPriority, const char*, const char*) {});
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+  const GMainLoopPtr owned(g_main_loop_new(nullptr, FALSE));
+  GMainLoop* const loop = owned.get();
   int exitStatus = 0;
   {
     zv_sim::Simulator simulator(std::move(options), loop);
@@ -216,7 +224,6 @@ int main(int argc, char** argv) {
       exitStatus = 1;
     }
   }
-  g_main_loop_unref(loop);
   zv_client::platform::SetLogSink(nullptr);
   return exitStatus;
 }

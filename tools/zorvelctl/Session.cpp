@@ -19,6 +19,7 @@ namespace {
 using zv_client::dbus::client::kBusName;
 
 using zv_client::common::GErrorPtr;
+using zv_client::common::GMainLoopPtr;
 using zv_client::common::GObjectPtr;
 
 // How long the worker has to end a command after the first SIGINT/SIGTERM;
@@ -84,7 +85,7 @@ std::string Session::OpenBus(GObjectPtr<GDBusConnection>& bus) {
 
 // Runs the main loop while the worker runs the command; returns its exit code.
 int Session::RunLoop(GDBusConnection* bus) {
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+  const GMainLoopPtr loop(g_main_loop_new(nullptr, FALSE));
   const guint watch = g_bus_watch_name_on_connection(
       bus, kBusName.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
       [](GDBusConnection*, const gchar*, const gchar* owner, gpointer self) {
@@ -118,15 +119,14 @@ int Session::RunLoop(GDBusConnection* bus) {
       if (interrupted_) ExitNow(code);
     }
     // Quit from inside the loop: a quit before g_main_loop_run would be lost.
-    g_idle_add(QuitLoop, loop);
+    g_idle_add(QuitLoop, loop.get());
   });
-  g_main_loop_run(loop);
+  g_main_loop_run(loop.get());
   worker.join();
 
   g_source_remove(onInt);
   g_source_remove(onTerm);
   g_bus_unwatch_name(watch);
-  g_main_loop_unref(loop);
   return code;
 }
 
