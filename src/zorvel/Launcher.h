@@ -101,7 +101,8 @@
  * 256 KiB stack, and the callbacks that run on them (outcomes, stored
  * profiles) share it: keep large buffers off the stack there. A command
  * whose thread cannot be started ends as kNotStarted with
- * kErrorInternal.
+ * kErrorInternal; held commands whose replay finds no thread stay held,
+ * and the library tries again every 500 ms.
  *
  * \section ids Ids in events
  *
