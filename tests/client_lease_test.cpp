@@ -29,6 +29,7 @@ TEST(ClientLease, ReplacementWaitsForTheLeasesOnTheOldClient) {
   EXPECT_TRUE(WaitUntil([&] { return LeaseClient().get() == secondClient; })) << "a new lease gets the new client";
   EXPECT_FALSE(installed || hooks.teardowns() > 0) << "the old client retired under a lease";
   lease.reset();
+  // Failing here ends the program (a joinable thread goes) before anything the thread uses.
   ASSERT_TRUE(WaitUntil([&] { return installed.load(); })) << "the replacement never saw the lease go";
   replacing.join();
   EXPECT_EQ(hooks.teardowns(), 1);

@@ -224,10 +224,12 @@ TEST_F(TheCommandLayer, TeardownDoesNotWaitForTheDaemon) {
   control().SetDelay("init", 60000);
   auto client = NewClient();
   // Bounded by the deadline, far below the reply due in a minute.
-  const auto destroyedInTime = [&] { return FinishesInBoundedTime([&] { client.reset(); }); };
+  const auto destroyInTime = [&] {
+    MustFinishInBoundedTime([&] { client.reset(); }, [] { return std::string("teardown waited for the daemon"); });
+  };
   issueAll(*client, inFlight);
   ASSERT_TRUE(control().WaitForCall("init"));
-  EXPECT_TRUE(destroyedInTime()) << "teardown waited for the daemon";
+  destroyInTime();
   EXPECT_EQ(control().CallTexts().size(), 1u) << "a command waiting behind the blocked one was sent";
   EXPECT_EQ(Unreleased(probes), 0u) << "params of a cancelled or discarded command leaked";
   for (const Ends& end : inFlight) EXPECT_EQ(end.Items().size(), 1u) << "not ended exactly once";
@@ -237,7 +239,7 @@ TEST_F(TheCommandLayer, TeardownDoesNotWaitForTheDaemon) {
   client = NewClient(0);
   issueAll(*client, held);
   for (const Ends& end : held) ASSERT_TRUE(end.WaitFor({End::kHeld}));
-  EXPECT_TRUE(destroyedInTime()) << "teardown waited for the daemon";
+  destroyInTime();
   for (const Ends& end : held) EXPECT_EQ(end.Items(), (std::vector<End>{End::kHeld, End::kDiscarded}));
   EXPECT_EQ(Unreleased(probes), 0u) << "params of a held command leaked";
 

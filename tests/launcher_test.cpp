@@ -2,7 +2,6 @@
 // replacement and teardown, the link state it tells (every change, in order, on the main loop) across
 // restarts of the daemon and of the bus, callbacks and their hazards.
 
-#include <algorithm>
 #include <tuple>
 #include <utility>
 
@@ -212,7 +211,7 @@ TEST_F(LauncherTest, StopBroadcastInsideAnOutcomeDiscardsHeldCommandsWithoutWait
       held = id;
       EXPECT_TRUE(WaitUntil([] { return Client().GetCounts().held == 1; }));  // its "held" waits for us
     });
-    EXPECT_TRUE(FinishesInBoundedTime([&] { trigger(launcher, &triggered); })) << logs().Dump();
+    MustFinishInBoundedTime([&] { trigger(launcher, &triggered); }, [&] { return logs().Dump(); });
     ASSERT_TRUE(WaitUntil([&] { return held != 0; }));
     EXPECT_EQ(outcomes_.Of(held), (std::vector<CommandStatus>{CommandStatus::kHeld, CommandStatus::kDiscarded}));
     EXPECT_TRUE(outcomes_.Final(held).wasHeld);
@@ -236,7 +235,7 @@ TEST_F(LauncherTest, DestroyingIsBoundedAndSilentAfterwards) {
   ASSERT_TRUE(control().WaitForCall("readProfiles"));
   EXPECT_EQ(launcher->DeleteStoredProfile(1, &deleted), 0);
   EXPECT_EQ(launcher->StartBroadcast(true, &started), 0);
-  ASSERT_TRUE(FinishesInBoundedTime([&] { launcher.reset(); }));
+  MustFinishInBoundedTime([&] { launcher.reset(); });
   destroyed = true;
   EXPECT_EQ(CurrentClient(), nullptr);
   for (CommandId id : {read, deleted, started}) EXPECT_TRUE(outcomes_.Find(id)) << "told after teardown";
@@ -256,7 +255,7 @@ TEST_F(LauncherTest, ASecondInitReplacesTheClient) {
   EXPECT_EQ(first.StartBroadcast(true), 0);  // waits behind readProfiles
   // Replacing the client cancels the call in flight and discards the rest.
   WatchLink(second);
-  ASSERT_TRUE(FinishesInBoundedTime([&] { EXPECT_EQ(second.Init(), 0); }));
+  MustFinishInBoundedTime([&] { EXPECT_EQ(second.Init(), 0); });
   EXPECT_NE(CurrentClient(), firstClient);
   ASSERT_TRUE(Ready());
   control().SetNoReply("readProfiles", false);

@@ -40,7 +40,7 @@ class HookCounts {
   std::thread::id tornDownOn() const { return tornDownOn_; }
 
  private:
-  std::function<void()> onConnected_;  // run once, on the main-loop thread
+  std::function<void()> onConnected_;  // run once, on the connect attempt's thread
   std::atomic<int> byTimer_{0}, byNameWatch_{0}, started_{0}, teardowns_{0};
   std::atomic<bool> reconnectWaits_{false};
   std::atomic<std::thread::id> tornDownOn_{};

@@ -1,11 +1,16 @@
 #pragma once
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace zv_client {
 namespace testing {
@@ -22,15 +27,19 @@ inline bool WaitUntil(const std::function<bool()>& predicate,
   return true;
 }
 
-// False when `work` did not finish within WaitUntil's deadline (a deadlock, or a wait for the daemon).
-// Then the work is left running: its future is kept, never waited for, so that the caller's failure
-// message comes out now rather than the program hanging here until the test's timeout.
-inline bool FinishesInBoundedTime(std::function<void()> work) {
+// Runs `work` on a thread of its own and waits for it within WaitUntil's deadline. Work still
+// running then (a deadlock, or a wait for the daemon) uses the caller's objects, so the test can
+// neither go on nor unwind: the failure is reported with `why()` (say, the log) and the program
+// aborts, rather than hanging here until the test's timeout.
+inline void MustFinishInBoundedTime(std::function<void()> work, const std::function<std::string()>& why = {}) {
   auto done = std::async(std::launch::async, std::move(work));
-  const bool finished = WaitUntil([&] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
-  if (!finished) return new std::future<void>(std::move(done)), false;  // leaked on purpose
-  done.get();
-  return true;
+  if (WaitUntil([&] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; })) {
+    done.get();
+    return;
+  }
+  ADD_FAILURE() << "still running at the deadline: " << (why ? why() : std::string("a deadlock?"));
+  std::fflush(stdout);
+  std::abort();
 }
 
 // What callbacks on any thread reported, in order.

@@ -429,31 +429,31 @@ void Simulator::Deliver(const std::string& method, const std::string& received,
   const auto delay = delays_.find(method);
   if (delay != delays_.end()) {
     Log("%s -> %s in %u ms", received.c_str(), chosen.description.c_str(), delay->second);
-    delayed_.push_back(DelayedReply{this, std::move(invocation), std::move(chosen.body), std::move(chosen.followUp),
-                                    std::move(chosen.error), 0});
+    delayed_.push_back(DelayedReply{this, std::move(invocation), std::move(chosen), 0});
     DelayedReply& pending = delayed_.back();
     pending.timeoutId = g_timeout_add(delay->second, &Simulator::OnDelayedReply, &pending);
     return;
   }
   Log("%s -> %s", received.c_str(), chosen.description.c_str());
-  SendReply(invocation.get(), chosen.body.get(), chosen.followUp.get(), chosen.error);
+  SendReply(invocation.get(), chosen);
 }
 
 gboolean Simulator::OnDelayedReply(gpointer data) {
   auto* pending = static_cast<DelayedReply*>(data);
   Simulator* self = pending->owner;
   self->Log("-> delayed reply to %s from %s: %s", g_dbus_method_invocation_get_method_name(pending->invocation.get()),
-            g_dbus_method_invocation_get_sender(pending->invocation.get()),
-            pending->error.first.empty() ? Printed(pending->body.get()).c_str() : pending->error.first.c_str());
-  self->SendReply(pending->invocation.get(), pending->body.get(), pending->followUp.get(), pending->error);
+            g_dbus_method_invocation_get_sender(pending->invocation.get()), pending->answer.description.c_str());
+  self->SendReply(pending->invocation.get(), pending->answer);
   self->delayed_.remove_if([pending](const DelayedReply& entry) { return &entry == pending; });
   return G_SOURCE_REMOVE;
 }
 
 // Built by hand: g_dbus_method_invocation_return_value checks the body against
 // the declared out-args, and SetReply exists to send bodies that break them.
-void Simulator::SendReply(GDBusMethodInvocation* invocation, GVariant* body, GVariant* followUp,
-                          const ErrorReply& failure) {
+void Simulator::SendReply(GDBusMethodInvocation* invocation, const Answer& answer) {
+  GVariant* const body = answer.body.get();
+  GVariant* const followUp = answer.followUp.get();
+  const ErrorReply& failure = answer.error;
   GDBusMessage* request = g_dbus_method_invocation_get_message(invocation);
   GDBusConnection* connection = g_dbus_method_invocation_get_connection(invocation);
   if ((g_dbus_message_get_flags(request) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {

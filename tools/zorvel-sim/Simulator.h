@@ -15,7 +15,6 @@
 
 #include <list>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -61,15 +60,21 @@ class Simulator {
     std::string sender;
     GVariantPtr arguments;
   };
-  // A reply put off by SetDelay. `followUp` is a signal body emitted right
-  // after the reply (connect's onConnectionAvailable), or null.
   using ErrorReply = std::pair<std::string, std::string>;  // error name, message; no name: a normal reply
-  struct DelayedReply {
-    Simulator* owner;
-    GObjectPtr<GDBusMethodInvocation> invocation;
+  // How a daemon call is to be answered: the reply body (or `error`), the
+  // signal body emitted right after it (connect's onConnectionAvailable, or
+  // null), and what the log says about it.
+  struct Answer {
     GVariantPtr body;
     GVariantPtr followUp;
     ErrorReply error;
+    std::string description;
+  };
+  // A reply put off by SetDelay.
+  struct DelayedReply {
+    Simulator* owner;
+    GObjectPtr<GDBusMethodInvocation> invocation;
+    Answer answer;
     guint timeoutId;
   };
 
@@ -82,15 +87,6 @@ class Simulator {
   static void OnBusClosed(GDBusConnection* connection, gboolean remotePeerVanished, GError* error, gpointer self);
   static gboolean OnBroadcastTick(gpointer self);
   static gboolean OnDelayedReply(gpointer pending);
-
-  // How a daemon call is to be answered: the reply body (or `error`), the
-  // signal that follows it, and what the log says about it.
-  struct Answer {
-    GVariantPtr body;
-    GVariantPtr followUp;
-    ErrorReply error;
-    std::string description;
-  };
 
   void HandleDaemonCall(const gchar* sender, const std::string& method, GVariant* parameters,
                         GDBusMethodInvocation* invocation);
@@ -114,7 +110,7 @@ class Simulator {
 
   bool AcquireName(GError** error);
   void ReleaseName();
-  void SendReply(GDBusMethodInvocation* invocation, GVariant* body, GVariant* followUp, const ErrorReply& failure);
+  void SendReply(GDBusMethodInvocation* invocation, const Answer& answer);
   bool EmitSignal(GDBusConnection* connection, const char* destination, const char* member, GVariant* body,
                   GError** error);
   void StartBroadcast();

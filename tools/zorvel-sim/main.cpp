@@ -120,10 +120,6 @@ bool ParseEntries(gchar** texts, const char* option, std::vector<SessionProfile>
   return true;
 }
 
-struct OptionContextFree {
-  void operator()(GOptionContext* context) const noexcept { g_option_context_free(context); }
-};
-
 // Fills `options`; returns -1 to run, otherwise the exit status.
 int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
   gchar* address = nullptr;
@@ -148,8 +144,7 @@ int ParseOptions(int argc, char** argv, zv_sim::Options& options) {
       {"help", 'h', 0, G_OPTION_ARG_NONE, &help, "Show this help", nullptr},
       {"version", 0, 0, G_OPTION_ARG_NONE, &version, "Print the version and exit", nullptr},
       {}};
-  const std::unique_ptr<GOptionContext, OptionContextFree> owned(g_option_context_new("- simulated zorvel daemon"));
-  GOptionContext* const context = owned.get();
+  g_autoptr(GOptionContext) context = g_option_context_new("- simulated zorvel daemon");
   g_option_context_add_main_entries(context, entries, nullptr);
   g_option_context_set_description(context, kDescription);
   // Handled here rather than by GLib, which would exit() from inside the parser.

@@ -13,15 +13,26 @@ namespace client {
 namespace testing {
 
 enum class Point {
-  kConnectedByTimer,      // a retry attempt connected; the timer is not reset yet (main-loop thread, link lock held)
-  kConnectedByNameWatch,  // as above, for the attempt made when the daemon's name got an owner
-  kReconnectAwaitsLink,   // a restoration task holds the run lock and is about to take the link lock
-  kDisconnectAwaitsPool,  // Disconnect found the layer ready and is about to take the pool lock
-  kTeardownBegins,        // a client's destructor begins (the destroying thread)
-  kAttemptStarts,         // a connect attempt begins (its library thread, link lock held)
-  kThreadStarts,          // a library thread is about to be started; a hook that throws makes the start fail
-  kReplayHandedOver,  // the readiness handler handed the replay to a library thread (main-loop thread, pool lock held)
-  kRememberedOwnerIgnored,  // the watcher saw the name owned by the owner the client remembers (main-loop thread)
+  // A retry attempt connected; the timer is not reset yet (the attempt's
+  // library thread, link lock held).
+  kConnectedByTimer,
+  // As above, for the attempt made when the daemon's name got an owner.
+  kConnectedByNameWatch,
+  // A restoration task holds the run lock and is about to take the link lock.
+  kReconnectAwaitsLink,
+  // Disconnect found the layer ready and is about to take the pool lock.
+  kDisconnectAwaitsPool,
+  // A client's destructor begins (the destroying thread).
+  kTeardownBegins,
+  // A connect attempt begins (its library thread, link lock held).
+  kAttemptStarts,
+  // A library thread is about to be started; a hook that throws makes the start fail.
+  kThreadStarts,
+  // The replay was handed to a library thread, by the readiness handler or
+  // its retry (main-loop thread, pool lock held).
+  kReplayHandedOver,
+  // The watcher saw the name owned by the owner the client remembers (main-loop thread).
+  kRememberedOwnerIgnored,
 };
 
 // Installs `hook` for every point (an empty one removes it). The hook runs on
